@@ -1,0 +1,10 @@
+#pragma once
+
+/// \file
+/// Marks what a host may use. Everything else in the shared library is hidden.
+
+#if defined(NFSLIB_STATIC)
+#define NFSLIB_EXPORT
+#else
+#define NFSLIB_EXPORT __attribute__((visibility("default")))
+#endif

@@ -1,0 +1,127 @@
+#pragma once
+
+#include <nfslib/export.h>
+#include <nfslib/metadata.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+/// \file
+/// The classes that a host implements to have its tree served.
+///
+/// The library walks the tree one name at a time from `FileSystem::OpenRoot`. It may keep any
+/// object that it was given in a cache for as long as the tree is exported, and it calls objects
+/// from several request threads, one object from two threads at once included: implementations must
+/// be safe for that. No lock of the library is held during a call.
+///
+/// Every operation reports failure by throwing: `OutOfSpaceNfsException` for lack of space,
+/// `INfsException` (or any other `std::exception`) for the rest. After a throw the tree must be as
+/// it was before the call.
+///
+/// Names are single path components, byte strings in no particular character set.
+
+namespace nfslib {
+
+/// One pass over the entries of a directory, positioned on an entry or past the last one.
+/// Used by one thread at a time.
+class NFSLIB_EXPORT DirectoryEnumerator {
+ public:
+  /// The entry under the cursor. Called only while `IsValid`; the reference is used before the next
+  /// `MoveNext`.
+  virtual const DirEntry& Current() const = 0;
+  /// True while the cursor is on an entry.
+  virtual bool IsValid() const = 0;
+  /// Moves to the next entry; after the last one `IsValid` is false. An entry that vanished since
+  /// the pass began is left out, not an error.
+  virtual void MoveNext() = 0;
+  virtual ~DirectoryEnumerator();
+};
+
+/// One regular file (or another object without entries that can be opened).
+class NFSLIB_EXPORT File {
+ public:
+  /// Fills `buffer` with the `length` bytes that start at byte `offset` and returns their number.
+  ///
+  /// Never asked for bytes past the size that the file's attributes reported. `buffer` arrives
+  /// zeroed, belongs to the library and is valid only during the call; bytes that are left alone
+  /// reach the client as zeros, whatever is returned.
+  virtual unsigned long Read(unsigned long offset, void* buffer, unsigned long length) = 0;
+  /// Writes the `length` bytes at `data` to byte `offset`, extending the file as needed (a gap
+  /// reads as zeros), and returns their number. The bytes must be kept when it returns; a write
+  /// that cannot be done whole throws.
+  virtual unsigned long Write(unsigned long offset, const void* data, unsigned long length) = 0;
+  /// The file's attributes.
+  virtual MetaData GetMetaData() const = 0;
+  /// Replaces the attributes that a client may set. `md` is a full record in which only the fields
+  /// that are to change differ from the current ones; a different `size` truncates or extends.
+  virtual void SetMetaData(const MetaData& md) = 0;
+  virtual ~File();
+};
+
+/// One symbolic link.
+class NFSLIB_EXPORT Symlink {
+ public:
+  /// The link's text, exactly as stored: the client resolves it, the library never does.
+  virtual std::string GetTarget() = 0;
+  /// The attributes of the link itself.
+  virtual MetaData GetMetaData() const = 0;
+  /// Replaces the settable attributes of the link itself, as `File::SetMetaData` does.
+  virtual void SetMetaData(const MetaData& md) = 0;
+  virtual ~Symlink();
+};
+
+/// One directory.
+class NFSLIB_EXPORT Directory {
+ public:
+  /// A fresh pass over the entries, positioned on the first one. An empty pointer says that the
+  /// directory cannot be listed. "." and ".." may be among the entries; the library needs neither.
+  virtual std::shared_ptr<DirectoryEnumerator> Enumerate() const = 0;
+  /// The subdirectory called `name`. Throws when there is none, or when it is something else.
+  virtual std::shared_ptr<Directory> OpenSubdir(const std::string& name) = 0;
+  /// The file called `name`. Throws when there is none, or when it is something else.
+  virtual std::shared_ptr<File> OpenFile(const std::string& name) = 0;
+  /// The symbolic link called `name`. Throws when there is none, or when it is something else.
+  virtual std::shared_ptr<Symlink> OpenSymlink(const std::string& name) = 0;
+  /// This directory's attributes.
+  virtual MetaData GetMetaData() const = 0;
+  /// Replaces this directory's settable attributes, as `File::SetMetaData` does.
+  virtual void SetMetaData(const MetaData& md) = 0;
+  /// Creates and returns the subdirectory `name`. A name that is taken is refused with a message
+  /// that contains "already exists".
+  virtual std::shared_ptr<Directory> CreateSubdir(const std::string& name) = 0;
+  /// Creates and returns the empty file `name`. A name that is taken is refused with a message that
+  /// contains "already exists".
+  virtual std::shared_ptr<File> CreateFile(const std::string& name) = 0;
+  /// Creates the symbolic link `name` with the text `target`. A name that is taken is refused with
+  /// a message that contains "already exists".
+  virtual void CreateSymlink(const std::string& name, const std::string& target) = 0;
+  /// Removes the empty subdirectory `name`. One that has entries is refused with a message that
+  /// contains "not empty".
+  virtual void RemoveSubdir(const std::string& name) = 0;
+  /// Removes the entry `name`, which is not a directory. The object stays readable and writable for
+  /// whoever holds it open.
+  virtual void RemoveFile(const std::string& name) = 0;
+  /// Renames `name` to `newName` inside `newParent`, which may be this directory and is always a
+  /// directory of the same host. An existing `newName` is replaced under the rules of POSIX rename.
+  virtual void MoveEntry(const std::string& name, const std::shared_ptr<Directory>& newParent,
+                         const std::string& newName) = 0;
+  /// Adds the hard link `name` to `file`, which is a file of the same host. A name that is taken is
+  /// refused with a message that contains "already exists".
+  virtual void Link(const std::string& name, const std::shared_ptr<File>& file) = 0;
+  /// The entry called `name`. Throws when there is none.
+  virtual DirEntry GetEntryByName(const std::string& name) const = 0;
+  /// The entry called `name`, or nothing when there is none.
+  virtual std::optional<DirEntry> TryGetEntryByName(const std::string& name) const = 0;
+  virtual ~Directory();
+};
+
+/// A whole tree. The host owns it and keeps it alive while it is exported.
+class NFSLIB_EXPORT FileSystem {
+ public:
+  /// The root directory. Called often: return the same object each time if that is cheaper.
+  virtual std::shared_ptr<Directory> OpenRoot() = 0;
+  virtual ~FileSystem();
+};
+
+}  // namespace nfslib

@@ -1,0 +1,126 @@
+#include "fs/cache_triggers.h"
+
+namespace nfslib {
+
+namespace {
+
+void drop(const std::weak_ptr<MetaDataCache>& cache, const NfsPath& path) {
+  if (const auto alive = cache.lock()) alive->erase(path);
+}
+
+}  // namespace
+
+void NfsDirCacheTrigger::clearMetaCache(const NfsPath& path) { drop(m_cache, path); }
+
+std::shared_ptr<Directory> NfsDirCacheTrigger::wrap(const std::string& name,
+                                                    const std::shared_ptr<Directory>& dir) {
+  return std::make_shared<NfsDirCacheTrigger>(m_path / name, dir, m_cache.lock());
+}
+
+std::shared_ptr<File> NfsDirCacheTrigger::wrap(const std::string& name,
+                                               const std::shared_ptr<File>& file) {
+  return std::make_shared<NfsFileCacheTrigger>(m_path / name, file, m_cache.lock());
+}
+
+std::shared_ptr<DirectoryEnumerator> NfsDirCacheTrigger::Enumerate() const {
+  return m_dir->Enumerate();
+}
+
+std::shared_ptr<Directory> NfsDirCacheTrigger::OpenSubdir(const std::string& name) {
+  return wrap(name, m_dir->OpenSubdir(name));
+}
+
+std::shared_ptr<File> NfsDirCacheTrigger::OpenFile(const std::string& name) {
+  return wrap(name, m_dir->OpenFile(name));
+}
+
+std::shared_ptr<Symlink> NfsDirCacheTrigger::OpenSymlink(const std::string& name) {
+  return m_dir->OpenSymlink(name);
+}
+
+MetaData NfsDirCacheTrigger::GetMetaData() const { return m_dir->GetMetaData(); }
+
+void NfsDirCacheTrigger::SetMetaData(const MetaData& md) {
+  clearMetaCache(m_path);
+  m_dir->SetMetaData(md);
+}
+
+std::shared_ptr<Directory> NfsDirCacheTrigger::CreateSubdir(const std::string& name) {
+  clearMetaCache(m_path);
+  return wrap(name, m_dir->CreateSubdir(name));
+}
+
+std::shared_ptr<File> NfsDirCacheTrigger::CreateFile(const std::string& name) {
+  clearMetaCache(m_path);
+  return wrap(name, m_dir->CreateFile(name));
+}
+
+void NfsDirCacheTrigger::CreateSymlink(const std::string& name, const std::string& target) {
+  clearMetaCache(m_path);
+  m_dir->CreateSymlink(name, target);
+}
+
+void NfsDirCacheTrigger::RemoveSubdir(const std::string& name) {
+  clearMetaCache(m_path);
+  m_dir->RemoveSubdir(name);
+}
+
+void NfsDirCacheTrigger::RemoveFile(const std::string& name) {
+  clearMetaCache(m_path);
+  m_dir->RemoveFile(name);
+}
+
+void NfsDirCacheTrigger::MoveEntry(const std::string& name,
+                                   const std::shared_ptr<Directory>& newParent,
+                                   const std::string& newName) {
+  clearMetaCache(m_path);
+  if (const auto* wrapper = dynamic_cast<const NfsDirCacheTrigger*>(newParent.get())) {
+    clearMetaCache(wrapper->m_path);
+  }
+  m_dir->MoveEntry(name, hostObject(newParent), newName);
+}
+
+void NfsDirCacheTrigger::Link(const std::string& name, const std::shared_ptr<File>& file) {
+  clearMetaCache(m_path);
+  if (auto* wrapper = dynamic_cast<NfsFileCacheTrigger*>(file.get())) wrapper->clearMetaCache();
+  m_dir->Link(name, hostObject(file));
+}
+
+DirEntry NfsDirCacheTrigger::GetEntryByName(const std::string& name) const {
+  return m_dir->GetEntryByName(name);
+}
+
+std::optional<DirEntry> NfsDirCacheTrigger::TryGetEntryByName(const std::string& name) const {
+  return m_dir->TryGetEntryByName(name);
+}
+
+void NfsFileCacheTrigger::clearMetaCache() { drop(m_cache, m_path); }
+
+unsigned long NfsFileCacheTrigger::Read(unsigned long offset, void* buffer, unsigned long length) {
+  return m_file->Read(offset, buffer, length);
+}
+
+unsigned long NfsFileCacheTrigger::Write(unsigned long offset, const void* data,
+                                         unsigned long length) {
+  clearMetaCache();
+  return m_file->Write(offset, data, length);
+}
+
+MetaData NfsFileCacheTrigger::GetMetaData() const { return m_file->GetMetaData(); }
+
+void NfsFileCacheTrigger::SetMetaData(const MetaData& md) {
+  clearMetaCache();
+  m_file->SetMetaData(md);
+}
+
+const std::shared_ptr<Directory>& hostObject(const std::shared_ptr<Directory>& object) {
+  const auto* wrapper = dynamic_cast<const NfsDirCacheTrigger*>(object.get());
+  return wrapper != nullptr ? wrapper->inner() : object;
+}
+
+const std::shared_ptr<File>& hostObject(const std::shared_ptr<File>& object) {
+  const auto* wrapper = dynamic_cast<const NfsFileCacheTrigger*>(object.get());
+  return wrapper != nullptr ? wrapper->inner() : object;
+}
+
+}  // namespace nfslib

@@ -1,0 +1,12 @@
+#include <nfslib/file_system.h>
+
+namespace nfslib {
+
+// Defined here so that each class has one home for its type information.
+DirectoryEnumerator::~DirectoryEnumerator() = default;
+File::~File() = default;
+Symlink::~Symlink() = default;
+Directory::~Directory() = default;
+FileSystem::~FileSystem() = default;
+
+}  // namespace nfslib

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <nfslib/metadata.h>
+#include <nfslib/nfs_path.h>
+
+#include "fs/replacement_cache.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+
+namespace nfslib {
+
+// Attributes by path, with a lock of its own so that the view and the wrappers that outlive its
+// locks can both use it. The lock is innermost: nothing is called and nothing else is locked under
+// it.
+//
+// Whoever asks the host for attributes takes the `changes()` count first and stores with it: when
+// something was dropped meanwhile, the answer may be the one from before the change and is not
+// kept.
+class MetaDataCache {
+ public:
+  explicit MetaDataCache(std::size_t capacity) : m_entries(capacity) {}
+
+  std::optional<MetaData> find(const NfsPath& path) {
+    const std::lock_guard lock(m_lock);
+    return m_entries.find(path);
+  }
+  std::uint64_t changes() const {
+    const std::lock_guard lock(m_lock);
+    return m_changes;
+  }
+  void setUnlessChanged(const NfsPath& path, const MetaData& md, std::uint64_t changesBefore) {
+    const std::lock_guard lock(m_lock);
+    if (m_changes == changesBefore) m_entries.set(path, md);
+  }
+  // For attributes that a client has just set: they hold whatever was read meanwhile.
+  void set(const NfsPath& path, const MetaData& md) {
+    const std::lock_guard lock(m_lock);
+    ++m_changes;
+    m_entries.set(path, md);
+  }
+  void erase(const NfsPath& path) {
+    const std::lock_guard lock(m_lock);
+    ++m_changes;
+    m_entries.erase(path);
+  }
+  std::size_t size() const {
+    const std::lock_guard lock(m_lock);
+    return m_entries.size();
+  }
+
+ private:
+  mutable std::mutex m_lock;  // guards the two fields below
+  std::uint64_t m_changes = 0;
+  utility::replacement_cache<NfsPath, MetaData> m_entries;
+};
+
+}  // namespace nfslib

@@ -1,0 +1,237 @@
+#include "fs/nfs_file_system.h"
+
+#include "common/log.h"
+#include "fs/cache_triggers.h"
+
+#include <stdexcept>
+#include <string_view>
+#include <vector>
+
+namespace nfslib {
+
+namespace {
+
+constexpr std::size_t kHandleBuckets = 65536;
+constexpr std::size_t kDirectoryCapacity = 2048;
+constexpr std::size_t kMetaDataCapacity = 16384;
+constexpr std::size_t kPositionCapacity = 32;
+
+std::uint32_t slotOf(const NfsHandle& handle) {
+  return static_cast<std::uint32_t>(handle.objectId);
+}
+
+}  // namespace
+
+NfsFileSystem::NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec)
+    : m_fs(fs),
+      m_writable(spec.writeEnabled),
+      m_directories(kDirectoryCapacity),
+      m_files(2 * spec.maxOpenFiles),
+      m_metaData(std::make_shared<MetaDataCache>(kMetaDataCapacity)),
+      m_positions(kPositionCapacity) {
+  m_paths.reserve(kHandleBuckets);
+}
+
+NfsFileSystem::~NfsFileSystem() {
+  log().info("NFS handle map size: [%1].", m_paths.size());
+  log().info("Directory cache size: [%1].", m_directories.size());
+  log().info("MetaData cache size: [%1].", m_metaData->size());
+}
+
+NfsHandle NfsFileSystem::createHandle(const NfsHandle& base, const MetaData& md) {
+  return {base.generation, base.fileSystemId, md.fileId};
+}
+
+NfsHandle NfsFileSystem::getHandle(const NfsHandle& base, const NfsPath& path, const MetaData& md) {
+  const NfsHandle handle = createHandle(base, md);
+  log().dbg("Create handle for path [%1], handle [%2]", path, handle);
+  const std::unique_lock lock(m_handleLock);
+  m_paths.insert_or_assign(slotOf(handle), path);
+  return handle;
+}
+
+std::optional<NfsPath> NfsFileSystem::findPath(const NfsHandle& handle) const {
+  const std::shared_lock lock(m_handleLock);
+  const auto at = m_paths.find(slotOf(handle));
+  if (at == m_paths.end()) return std::nullopt;
+  return at->second;
+}
+
+NfsPath NfsFileSystem::getPath(const NfsHandle& handle) const {
+  if (auto path = findPath(handle)) return *std::move(path);
+  log().err("NFS handle [%1] is invalid.", handle);
+  throw std::runtime_error("NFS handle is invalid.");
+}
+
+std::optional<MetaData> NfsFileSystem::findMetaData(const NfsPath& path) {
+  if (auto cached = m_metaData->find(path)) return cached;
+  try {
+    if (path.isRootPath()) return readRootMetaData();
+    const std::uint64_t before = m_metaData->changes();
+    const NfsPath parentPath = path.getParentPath();
+    const DirEntry entry = openHostDirectory(parentPath)->GetEntryByName(path.getFileName());
+    m_metaData->setUnlessChanged(parentPath / entry.name, entry.metaData, before);
+    return entry.metaData;
+  } catch (const std::exception& e) {
+    log().dbg("Failed to find metadata in cache. Error: [%1].", e.what());
+    return std::nullopt;
+  }
+}
+
+MetaData NfsFileSystem::readRootMetaData() {
+  const NfsPath root("/");
+  const std::uint64_t before = m_metaData->changes();
+  MetaData md = openHostDirectory(root)->GetMetaData();
+  m_metaData->setUnlessChanged(root, md, before);
+  return md;
+}
+
+MetaData NfsFileSystem::getMetaData(const NfsPath& path) {
+  if (auto md = findMetaData(path)) return *std::move(md);
+  log().warn("Cannot get metadata for path [%1].", path);
+  throw std::runtime_error("Cannot get metadata for path.");
+}
+
+bool NfsFileSystem::pathExists(const NfsPath& path) {
+  return path.isRootPath() || findMetaData(path).has_value();
+}
+
+void NfsFileSystem::setMetaData(const NfsPath& path, const MetaData& md) {
+  if (path.isRootPath()) {
+    openDirectory(path)->SetMetaData(md);
+  } else {
+    const std::string name = path.getFileName();
+    const auto parent = openDirectory(path.getParentPath());
+    const DirEntry entry = parent->GetEntryByName(name);
+    if (isType(entry.metaData, FileType::Directory)) {
+      parent->OpenSubdir(name)->SetMetaData(md);
+    } else if (isType(entry.metaData, FileType::SymbolicLink)) {
+      parent->OpenSymlink(name)->SetMetaData(md);
+    } else {
+      parent->OpenFile(name)->SetMetaData(md);
+    }
+  }
+  m_metaData->set(path, md);
+}
+
+std::uint64_t NfsFileSystem::changes() const {
+  const std::lock_guard lock(m_cacheLock);
+  return m_changes;
+}
+
+std::shared_ptr<Directory> NfsFileSystem::openDirectory(const NfsPath& path) {
+  auto dir = openHostDirectory(path);
+  if (!m_writable) return dir;
+  return std::make_shared<NfsDirCacheTrigger>(path, dir, m_metaData);
+}
+
+// The root is asked for each time and kept nowhere; any other directory is opened from its parent
+// when that is cached, and by a walk from the root when it is not.
+std::shared_ptr<Directory> NfsFileSystem::openHostDirectory(const NfsPath& path) {
+  if (path.isRootPath()) return m_fs.OpenRoot();
+
+  std::shared_ptr<Directory> parent;
+  std::uint64_t changesBefore = 0;
+  {
+    const std::lock_guard lock(m_cacheLock);
+    if (const auto cached = m_directories.find(path)) return *cached;
+    parent = m_directories.find(path.getParentPath()).value_or(nullptr);
+    changesBefore = m_changes;
+  }
+  const std::uint64_t metaBefore = m_metaData->changes();
+
+  std::shared_ptr<Directory> dir = m_fs.OpenRoot();
+  if (parent) {
+    dir = parent->OpenSubdir(path.getFileName());
+  } else {
+    for (const std::string_view node : path.nodes()) dir = dir->OpenSubdir(std::string(node));
+  }
+
+  m_metaData->setUnlessChanged(path, dir->GetMetaData(), metaBefore);
+  const std::lock_guard lock(m_cacheLock);
+  if (m_changes == changesBefore) m_directories.set(path, dir);
+  return dir;
+}
+
+std::shared_ptr<File> NfsFileSystem::openFile(const NfsPath& path) {
+  std::uint64_t changesBefore = 0;
+  {
+    const std::lock_guard lock(m_cacheLock);
+    if (auto cached = m_files.find(path)) return *std::move(cached);
+    changesBefore = m_changes;
+  }
+  auto file = openDirectory(path.getParentPath())->OpenFile(path.getFileName());
+  const std::lock_guard lock(m_cacheLock);
+  if (m_changes == changesBefore) m_files.set(path, file);
+  return file;
+}
+
+void NfsFileSystem::closeFile(const NfsPath& path) {
+  const std::lock_guard lock(m_cacheLock);
+  m_files.erase(path);
+}
+
+std::shared_ptr<Symlink> NfsFileSystem::openSymLink(const NfsPath& path) {
+  return openDirectory(path.getParentPath())->OpenSymlink(path.getFileName());
+}
+
+DirectoryIterator NfsFileSystem::getDirIterator(const std::shared_ptr<Directory>& dir) {
+  return iterate(dir);
+}
+
+void NfsFileSystem::iterateDir(
+    DirectoryIterator& it, const std::function<bool(const std::string&, const MetaData&)>& visit) {
+  for (; it; ++it) {
+    if (visit(it->name, it->metaData)) return;
+  }
+}
+
+void NfsFileSystem::remove(const std::string& name, const NfsPath& dirPath) {
+  const auto parent = openDirectory(dirPath);
+  const NfsPath child = dirPath / name;
+  const bool isDirectory = isType(getMetaData(child), FileType::Directory);
+  if (isDirectory) {
+    const auto pass = parent->OpenSubdir(name)->Enumerate();
+    if (!pass) throw std::runtime_error(message("Cannot enumerate directory [%1]", child));
+    for (; pass->IsValid(); pass->MoveNext()) {
+      const std::string& entry = pass->Current().name;
+      if (entry != "." && entry != "..") {
+        throw std::runtime_error(message("Directory is not empty [%1]", child));
+      }
+    }
+  }
+  {
+    const std::lock_guard lock(m_cacheLock);
+    ++m_changes;
+    m_files.erase(child);
+    m_directories.erase(child);
+    m_directories.erase(dirPath);
+  }
+  m_metaData->erase(child);
+  if (isDirectory) {
+    parent->RemoveSubdir(name);
+  } else {
+    parent->RemoveFile(name);
+  }
+}
+
+void NfsFileSystem::moveEntry(const std::string& name, const NfsPath& dirPath,
+                              const std::shared_ptr<Directory>& newParent,
+                              const std::string& newName) {
+  const auto parent = openDirectory(dirPath);
+  const NfsPath source = dirPath / name;
+  const bool isDirectory = isType(getMetaData(source), FileType::Directory);
+  {
+    const std::lock_guard lock(m_cacheLock);
+    ++m_changes;
+    if (isDirectory) {
+      m_directories.erase(source);
+    } else {
+      m_files.erase(source);
+    }
+  }
+  m_metaData->erase(source);
+  parent->MoveEntry(name, newParent, newName);
+}
+
+}  // namespace nfslib

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <nfslib/directory_iterator.h>
+#include <nfslib/file_system.h>
+#include <nfslib/metadata.h>
+#include <nfslib/nfs_mount_spec.h>
+#include <nfslib/nfs_path.h>
+
+#include "common/nfs_handle.h"
+#include "fs/directory_positions.h"
+#include "fs/metadata_cache.h"
+#include "fs/replacement_cache.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+
+namespace nfslib {
+
+// The NFS side of one exported tree: turns paths into host objects, file handles back into paths,
+// and keeps open directories, open files and attributes in bounded caches. A writable view hands
+// out wrapped directories and files, which drop the attributes of what they change.
+//
+// Thread-safe. Locks, in their order (a thread that holds one takes only later ones, and no host
+// call is made under any of them, since a host may be as slow as its disk):
+//   1. m_cacheLock   the directory and open-file caches
+//   2. m_handleLock  the handle map; never held together with m_cacheLock
+//   3. the locks inside m_metaData and m_positions
+// A request that asked the host while another one changed the tree does not store its answer: see
+// `m_changes` and MetaDataCache.
+class NfsFileSystem {
+ public:
+  NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec);
+  ~NfsFileSystem();
+  NfsFileSystem(const NfsFileSystem&) = delete;
+  NfsFileSystem& operator=(const NfsFileSystem&) = delete;
+
+  // ---- Handles
+
+  // `base` with the object id of `md`.
+  static NfsHandle createHandle(const NfsHandle& base, const MetaData& md);
+  // The same, and remembers that it names `path`.
+  NfsHandle getHandle(const NfsHandle& base, const NfsPath& path, const MetaData& md);
+  // The path last seen for the handle's object, found by the low 32 bits of its id.
+  std::optional<NfsPath> findPath(const NfsHandle& handle) const;
+  // The same; a handle that was never given out throws std::runtime_error.
+  NfsPath getPath(const NfsHandle& handle) const;
+
+  // ---- Attributes
+
+  // Nothing when the object cannot be reached, for whatever reason the host gives.
+  std::optional<MetaData> findMetaData(const NfsPath& path);
+  // The same; throws std::runtime_error when there is nothing.
+  MetaData getMetaData(const NfsPath& path);
+  bool pathExists(const NfsPath& path);
+  void setMetaData(const NfsPath& path, const MetaData& md);
+
+  // ---- Opening. The host's exceptions pass out unchanged, and nothing is cached then.
+
+  std::shared_ptr<Directory> openDirectory(const NfsPath& path);
+  std::shared_ptr<File> openFile(const NfsPath& path);
+  // Drops the file from the cache; it closes when its last holder lets go.
+  void closeFile(const NfsPath& path);
+  std::shared_ptr<Symlink> openSymLink(const NfsPath& path);
+
+  // ---- Listing
+
+  DirectoryIterator getDirIterator(const std::shared_ptr<Directory>& dir);
+  // Calls `visit` for each entry from where `it` stands. True stops the walk and leaves the pass on
+  // that entry; at the end `it` is the end position.
+  void iterateDir(DirectoryIterator& it,
+                  const std::function<bool(const std::string&, const MetaData&)>& visit);
+  // Where listings of this export stopped.
+  DirectoryPositions& positions() { return m_positions; }
+
+  // ---- Changing the tree
+
+  // Removes an entry of any type; a directory has to be empty.
+  void remove(const std::string& name, const NfsPath& dirPath);
+  // Renames the entry. Handles and cached paths at and below the new place are the caller's to
+  // settle.
+  void moveEntry(const std::string& name, const NfsPath& dirPath,
+                 const std::shared_ptr<Directory>& newParent, const std::string& newName);
+
+ private:
+  // The number of changes so far: what is stored with it must be no older.
+  std::uint64_t changes() const;
+  std::shared_ptr<Directory> openHostDirectory(const NfsPath& path);
+  MetaData readRootMetaData();
+
+  FileSystem& m_fs;
+  const bool m_writable;
+
+  mutable std::mutex m_cacheLock;
+  std::uint64_t m_changes = 0;
+  utility::replacement_cache<NfsPath, std::shared_ptr<Directory>> m_directories;
+  utility::replacement_cache<NfsPath, std::shared_ptr<File>> m_files;
+
+  mutable std::shared_mutex m_handleLock;
+  std::unordered_map<std::uint32_t, NfsPath> m_paths;  // by the low 32 bits of the object id
+
+  const std::shared_ptr<MetaDataCache> m_metaData;  // shared with the wrappers
+  DirectoryPositions m_positions;
+};
+
+}  // namespace nfslib

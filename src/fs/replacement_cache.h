@@ -1,0 +1,71 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <list>
+#include <optional>
+#include <unordered_map>
+#include <utility>
+
+namespace nfslib::utility {
+
+// Bounded map that drops its oldest entry when it is full. Capacity counts entries and is at
+// least 1.
+//
+// A hit makes the entry the newest (least-recently-used order). Values are copied in and out; a
+// shared_ptr value keeps its object open until the entry is evicted or erased.
+//
+// Not thread-safe: the owner locks, exclusively even for lookups, since a hit reorders.
+template <class Key, class Value>
+class replacement_cache {
+ public:
+  explicit replacement_cache(std::size_t capacity)
+      : m_capacity(std::max<std::size_t>(capacity, 1)) {
+    // No rehash in steady state; a huge capacity that may never be used is not paid in advance.
+    m_index.reserve(std::min<std::size_t>(m_capacity, 16384));
+  }
+
+  // Stores `value`, replacing what `key` had before; the entry becomes the newest.
+  void set(const Key& key, const Value& value) {
+    if (const auto at = m_index.find(key); at != m_index.end()) {
+      at->second->second = value;
+      touch(at->second);
+      return;
+    }
+    if (m_index.size() == m_capacity) {
+      m_index.erase(m_entries.back().first);
+      m_entries.pop_back();
+    }
+    m_entries.emplace_front(key, value);
+    m_index.emplace(key, m_entries.begin());
+  }
+
+  std::optional<Value> find(const Key& key) {
+    const auto at = m_index.find(key);
+    if (at == m_index.end()) return std::nullopt;
+    touch(at->second);
+    return at->second->second;
+  }
+
+  void erase(const Key& key) {
+    const auto at = m_index.find(key);
+    if (at == m_index.end()) return;
+    m_entries.erase(at->second);
+    m_index.erase(at);
+  }
+
+  std::size_t size() const { return m_index.size(); }
+
+ private:
+  using Entries = std::list<std::pair<Key, Value>>;
+
+  void touch(typename Entries::iterator entry) {
+    if (entry != m_entries.begin()) m_entries.splice(m_entries.begin(), m_entries, entry);
+  }
+
+  std::size_t m_capacity;
+  Entries m_entries;  // newest first
+  std::unordered_map<Key, typename Entries::iterator> m_index;
+};
+
+}  // namespace nfslib::utility

@@ -1,0 +1,122 @@
+#include "server/nfs_service.h"
+
+#include "common/log.h"
+#include "fs/nfs_file_system.h"
+
+#include <stdexcept>
+
+namespace nfslib {
+
+namespace {
+
+std::uint32_t secondsNow() {
+  using namespace std::chrono;
+  return static_cast<std::uint32_t>(
+      duration_cast<seconds>(system_clock::now().time_since_epoch()).count());
+}
+
+}  // namespace
+
+NfsService::NfsService() : m_generation(secondsNow()), m_liveViews(std::make_shared<LiveViews>()) {}
+
+NfsService::~NfsService() = default;
+
+bool NfsService::exportFileSystem(const NfsPath& path, FileSystem& fs, const NfsMountSpec& spec) {
+  const std::unique_lock lock(m_exportLock);
+  log().info("Exporting NFS file system [%1].", path);
+  if (m_numbers.contains(path)) {
+    throw std::runtime_error(message("NFS file system [%1] is already exported.", path));
+  }
+  const auto countDown = [live = m_liveViews](NfsFileSystem* view) {
+    std::default_delete<NfsFileSystem>{}(view);
+    const std::lock_guard liveLock(live->lock);
+    --live->count;
+    live->changed.notify_all();
+  };
+  auto fresh = std::make_unique<NfsFileSystem>(fs, spec);
+  {
+    const std::lock_guard liveLock(m_liveViews->lock);
+    ++m_liveViews->count;
+  }
+  std::shared_ptr<NfsFileSystem> view(fresh.release(), countDown);
+  const bool first = m_numbers.empty();
+  const std::uint32_t number = m_nextNumber++;
+  m_numbers.emplace(path, number);
+  m_views.emplace(number, std::move(view));
+  if (first) log().info("This is the first NFS export.");
+  return first;
+}
+
+bool NfsService::removeExport(const NfsPath& path) {
+  std::shared_ptr<NfsFileSystem> view;  // released after the lock: it lets go of the host's objects
+  const std::unique_lock lock(m_exportLock);
+  log().info("Removing exported NFS file system [%1].", path);
+  const auto number = m_numbers.find(path);
+  if (number == m_numbers.end()) {
+    throw std::runtime_error(message("NFS file system [%1] is not exported.", path));
+  }
+  view = std::move(m_views.at(number->second));
+  m_views.erase(number->second);
+  m_numbers.erase(number);
+  if (m_numbers.empty()) log().info("This was the last NFS export.");
+  return m_numbers.empty();
+}
+
+void NfsService::clearExports() {
+  decltype(m_views) views;
+  const std::unique_lock lock(m_exportLock);
+  m_numbers.clear();
+  views.swap(m_views);
+}
+
+bool NfsService::waitForViews(std::chrono::steady_clock::duration limit) {
+  std::size_t exported = 0;
+  {
+    const std::shared_lock lock(m_exportLock);
+    exported = m_views.size();
+  }
+  std::unique_lock lock(m_liveViews->lock);
+  return m_liveViews->changed.wait_for(lock, limit, [&] { return m_liveViews->count <= exported; });
+}
+
+std::vector<NfsPath> NfsService::getExportPaths() const {
+  const std::shared_lock lock(m_exportLock);
+  std::vector<NfsPath> paths;
+  paths.reserve(m_numbers.size());
+  for (const auto& [path, number] : m_numbers) paths.push_back(path);
+  return paths;
+}
+
+NfsService::NumberedView NfsService::getFileSystem(const NfsPath& path) const {
+  const std::shared_lock lock(m_exportLock);
+  const auto number = m_numbers.find(path);
+  if (number == m_numbers.end()) {
+    throw std::runtime_error(message("NFS export path [%1] is invalid.", path));
+  }
+  return *m_views.find(number->second);
+}
+
+NfsService::NumberedView NfsService::getFileSystem(const NfsHandle& handle) const {
+  const std::shared_lock lock(m_exportLock);
+  const auto view = m_views.find(handle.fileSystemId);
+  if (view == m_views.end()) {
+    throw std::runtime_error(message("NFS handle [%1] is invalid.", handle));
+  }
+  return *view;
+}
+
+NfsHandle NfsService::getHandle(const NfsPath& path) {
+  const auto [number, view] = getFileSystem(path);
+  const NfsPath root("/");
+  const MetaData md = view->getMetaData(root);
+  return view->getHandle({m_generation, number, 0}, root, md);
+}
+
+bool NfsService::isStaleHandle(const NfsHandle& handle) const {
+  if (handle.generation == m_generation) return false;
+  log().warn("Stale NFS handle [%1]. Handle generation: [%2]. File system generation: [%3].",
+             handle, handle.generation, m_generation);
+  return true;
+}
+
+}  // namespace nfslib
