@@ -1,0 +1,180 @@
+#include "network/tcp_connection_handler.h"
+
+#include "common/log.h"
+#include "network/stop_flag.h"
+#include "rpc/rpc_request_processor.h"
+
+#include <array>
+#include <cerrno>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+namespace nfslib::network {
+
+namespace {
+
+constexpr unsigned kMarkSize = 4;
+constexpr unsigned kLastFragment = 0x80000000;
+// Beyond this a record is no call that anybody means: skipping it would only keep a bad peer.
+constexpr unsigned kHopelessLength = 16 * 1'048'576;
+// Enough of an oversized record to read its call header: credential and verifier of 400 bytes each.
+constexpr unsigned kHeadOfRecord = 1024;
+constexpr unsigned kSmallRecord = 16'384;
+// Replies are kept back while they are small, few and fresh.
+constexpr std::size_t kSmallReply = 32'768;
+constexpr std::size_t kKeptReplies = 65'536;
+constexpr std::chrono::microseconds kReplyPatience{250};
+
+unsigned wordAt(const std::byte* bytes) {
+  unsigned word = 0;
+  MemoryStream::copyBytesWithCorrectOrder(bytes, reinterpret_cast<std::byte*>(&word), sizeof word);
+  return word;
+}
+
+}  // namespace
+
+TcpConnectionHandler::TcpConnectionHandler(SocketDescriptor socket,
+                                           rpc::RpcRequestProcessor& processor,
+                                           const sockaddr_in& peer)
+    : ConnectionHandler(processor, peer),
+      m_socket(std::move(socket)),
+      m_received(std::in_place, m_socket) {}
+
+void TcpConnectionHandler::processRequests(const bool& stop) {
+  try {
+    while (!isSet(stop) && readFragment()) {
+      m_processor.TcpRequestReceived(*this);
+      renewFailedStream();
+    }
+    sendReplies({});
+  } catch (const std::exception& e) {
+    const std::string why = e.what();
+    try {
+      sendReplies({});  // the calls before the one that failed have their answers
+    } catch (
+        const std::exception&) {  // NOLINT(bugprone-empty-catch): the first failure is the news
+    }
+    throw std::runtime_error(message("Failed to process request. Exception: [%1]", why));
+  }
+}
+
+bool TcpConnectionHandler::readFragment() {
+  FragmentHeader header;
+  if (!readFragmentHeader(header) || header.length == 0) return false;
+  return header.length > MemoryStream::getBufferSize() ? readOversizedFragment(header)
+                                                       : readFragmentData(header);
+}
+
+bool TcpConnectionHandler::readFragmentHeader(FragmentHeader& header) {
+  try {
+    // Nothing is kept back while the connection waits.
+    if (m_received->buffered().size() < kMarkSize) sendReplies({});
+    if (!m_received->require(kMarkSize)) return endOfStream();
+    std::array<std::byte, kMarkSize> mark{};
+    m_received->take({mark.data(), mark.size()});
+    const unsigned word = wordAt(mark.data());
+    header = {word & ~kLastFragment, (word & kLastFragment) != 0};
+    return true;
+  } catch (const std::exception& e) {
+    throw std::runtime_error(message("Failed read fragment header. Exception: [%1]", e.what()));
+  }
+}
+
+bool TcpConnectionHandler::readFragmentData(const FragmentHeader& header) {
+  if (m_received->buffered().size() < header.length) sendReplies({});
+  // A small record is received together with what follows it, a large one straight into its place.
+  if (header.length <= kSmallRecord) m_received->require(header.length);
+  const std::size_t received = m_received->take({m_stream->inputArea().data(), header.length});
+  if (received < header.length) {
+    log().warn("Fragment data is partially available. Expected size [%1], received size [%2]",
+               header.length, received);
+    return endOfStream();
+  }
+  m_stream->setInputSize(header.length);
+  return true;
+}
+
+bool TcpConnectionHandler::readOversizedFragment(const FragmentHeader& header) {
+  log().warn("A record of [%1] bytes is longer than the [%2] bytes that are accepted.",
+             header.length, MemoryStream::getBufferSize());
+  if (header.length > kHopelessLength) return false;
+  sendReplies({});
+  std::size_t received = m_received->take({m_stream->inputArea().data(), kHeadOfRecord});
+  if (received == kHeadOfRecord) received += m_received->skip(header.length - kHeadOfRecord);
+  if (received < header.length) return endOfStream();
+  m_stream->setInputSize(kHeadOfRecord);
+  m_stream->errorOccurred();
+  return true;
+}
+
+bool TcpConnectionHandler::endOfStream() const {
+  log().info(m_disposed ? "Connection socket has been closed." : "Peer closed connection");
+  return false;
+}
+
+// Whether another whole call can be answered without receiving anything.
+bool TcpConnectionHandler::moreCallsAtHand() const {
+  if (m_stream->getInputDataSize() != 0) return true;
+  const memory::const_buffer bytes = m_received->buffered();
+  return bytes.size() >= kMarkSize &&
+         bytes.size() - kMarkSize >= (wordAt(bytes.data()) & ~kLastFragment);
+}
+
+void TcpConnectionHandler::flush() {
+  const memory::const_buffer reply = m_stream->getOutputBuffer();
+  const bool keepBack = reply.size() <= kSmallReply &&
+                        m_replies.size() + reply.size() <= kKeptReplies && moreCallsAtHand();
+  if (keepBack && m_replies.empty()) m_firstReply = Clock::now();
+  if (keepBack && Clock::now() - m_firstReply < kReplyPatience) {
+    m_replies.insert(m_replies.end(), reply.begin(), reply.end());
+  } else {
+    sendReplies(reply);
+  }
+  m_stream->clearOutput();
+}
+
+// Sends what was kept back and then `last`, all of it.
+void TcpConnectionHandler::sendReplies(memory::const_buffer last) {
+  memory::const_buffer kept(m_replies.data(), m_replies.size());
+  try {
+    while (kept || last) {
+      std::array<iovec, 2> parts{{{const_cast<std::byte*>(kept.data()), kept.size()},
+                                  {const_cast<std::byte*>(last.data()), last.size()}}};
+      msghdr header{};
+      header.msg_iov = parts.data();
+      header.msg_iovlen = parts.size();
+      const ssize_t sent = sendmsg(m_socket, &header, MSG_NOSIGNAL);
+      if (sent < 0 && errno == EINTR) continue;
+      if (sent < 0) {
+        throw std::runtime_error(
+            message("Failed to send data. Error: [%1]", utility::getErrnoDescription(errno)));
+      }
+      const std::size_t fromKept = std::min(kept.size(), static_cast<std::size_t>(sent));
+      kept += fromKept;
+      last += static_cast<std::size_t>(sent) - fromKept;
+    }
+    m_replies.clear();
+  } catch (const std::exception& e) {
+    m_replies.clear();
+    throw std::runtime_error(message("Failed to flush data. Exception: [%1]", e.what()));
+  }
+}
+
+void TcpConnectionHandler::dispose() {
+  const std::lock_guard lock(m_socketLock);
+  m_disposed = true;
+  m_socket.shutdown();
+}
+
+void TcpConnectionHandler::release() {
+  const std::lock_guard lock(m_socketLock);
+  m_socket.close();
+  m_received.reset();
+  m_replies = {};
+}
+
+}  // namespace nfslib::network

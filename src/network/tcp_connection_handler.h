@@ -1,0 +1,59 @@
+#pragma once
+
+#include "network/connection_handler.h"
+#include "network/read_ahead.h"
+#include "network/socket_descriptor.h"
+
+#include <chrono>
+#include <cstddef>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace nfslib::network {
+
+// One TCP connection: RPC records behind record marks (RFC 5531 section 11), each taken for a whole
+// call whatever its last-fragment flag says.
+//
+// Calls that arrived together are answered together: a reply waits for the next one while further
+// calls are already here, but never long and never while the connection waits for its peer.
+class TcpConnectionHandler final : public ConnectionHandler {
+ public:
+  struct FragmentHeader {
+    unsigned length = 0;
+    bool last = false;
+  };
+
+  TcpConnectionHandler(SocketDescriptor socket, rpc::RpcRequestProcessor& processor,
+                       const sockaddr_in& peer);
+
+  void flush() override;
+  void dispose() override;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void processRequests(const bool& stop) override;
+  void release() override;
+
+  // All three return false when the connection is to end, after a line that says why.
+  bool readFragmentHeader(FragmentHeader& header);
+  bool readFragmentData(const FragmentHeader& header);
+  bool readFragment();
+  // A record that the stream cannot hold: its head is left in the stream, which is marked failed,
+  // so that the caller gets an answer; the rest is skipped.
+  bool readOversizedFragment(const FragmentHeader& header);
+  bool endOfStream() const;
+
+  bool moreCallsAtHand() const;
+  void sendReplies(memory::const_buffer last);
+
+  std::mutex m_socketLock;  // so that dispose() never meets a descriptor that was just closed
+  SocketDescriptor m_socket;
+  std::atomic<bool> m_disposed{false};
+  std::optional<ReadAhead> m_received;  // until the connection ends
+  std::vector<std::byte> m_replies;     // kept back
+  Clock::time_point m_firstReply;       // when the oldest of them was ready
+};
+
+}  // namespace nfslib::network

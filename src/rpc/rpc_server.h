@@ -1,0 +1,57 @@
+#pragma once
+
+#include "rpc/rpc_header.h"
+#include "rpc/rpc_program.h"
+#include "rpc/rpc_request_processor.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+
+namespace nfslib::rpc {
+
+// Answers RPC calls (RFC 5531): decodes the head, applies the caller rule, lets the program decode
+// its arguments and encode its results, and writes the head of the reply around them.
+//
+// Programs and settings are set before the transports start. The request lock is held while one
+// call is processed, and never while its reply is sent; on TCP not at all once parallel requests
+// are allowed.
+class RpcServer : public RpcRequestProcessor {
+ public:
+  // Serves `program` under its number, in place of what was there.
+  void registerProgram(unsigned int number, std::unique_ptr<RpcProgram> program);
+  // The Unix group whose members may use NFS and MOUNT; 0 when there is none.
+  void setAllowedGroupId(int group) { m_allowedGroupId = group; }
+  void allowParallelRequests() { m_parallelRequestsAllowed = true; }
+
+  void UdpRequestReceived(network::UdpConnectionHandler& connection) override;
+  void TcpRequestReceived(network::TcpConnectionHandler& connection) override;
+
+  // One call in `stream`, without and with a record mark before its reply. Anything but success
+  // tells that the rest of the record is not to be taken for another call.
+  RpcProgramResult ProcessRpcRequestOverUdp(MemoryStream& stream);
+  RpcProgramResult ProcessRpcRequestOverTcp(MemoryStream& stream);
+
+ private:
+  static void readHeader(MemoryStream& stream, RpcHeader& header);
+  AcceptStatus getHeaderStatus(MemoryStream& stream, const RpcHeader& header) const;
+  static bool performConsistencyVerification(MemoryStream& stream, const RpcHeader& header);
+  bool performSimpleSysAuthVerification(const RpcHeader& header) const;
+
+  // From the decoded head to the end of the reply, the same on both transports.
+  RpcProgramResult processRequest(MemoryStream& stream, const RpcHeader& header);
+  static void sendAcceptanceMessage(MemoryStream& stream, const RpcHeader& header,
+                                    AcceptStatus status);
+  static void sendDenialMessage(MemoryStream& stream, const RpcHeader& header);
+  RpcProgramResult executeRpcProcedure(MemoryStream& stream, const RpcHeader& header);
+  static void updateHeaderWithProgramRC(MemoryStream& stream, unsigned resultsStart,
+                                        RpcProgramResult result);
+  static void updateHeaderWithActualResponseSize(MemoryStream& stream, unsigned replyStart);
+
+  std::map<unsigned int, std::unique_ptr<RpcProgram>> m_programs;
+  std::mutex m_lock;  // one call at a time; taken before every lock of the programs
+  bool m_parallelRequestsAllowed = false;
+  int m_allowedGroupId = 0;
+};
+
+}  // namespace nfslib::rpc

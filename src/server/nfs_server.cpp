@@ -1,0 +1,323 @@
+#include <nfslib/nfs_server.h>
+
+#include "common/log.h"
+#include "network/address.h"
+#include "network/stop_flag.h"
+#include "rpc/mount_program.h"
+#include "rpc/portmap_program.h"
+#include "rpc/rpc_header.h"
+#include "rpc/rpc_server.h"
+#include "server/host_commands.h"
+#include "server/nfs_server_impl.h"
+#include "server/ports.h"
+#include "server/scoped_cleanup_task.h"
+#include "server/server_socket.h"
+
+#include <chrono>
+#include <exception>
+#include <list>
+#include <stdexcept>
+
+#include <sys/socket.h>
+
+namespace nfslib {
+
+namespace {
+
+constexpr unsigned kNoAddress = 0xFFFFFFFF;
+constexpr std::chrono::seconds kPatience{10};
+
+// Keeps the cause inside, so that a caller can reach the plain sentence that began it.
+[[noreturn]] void rethrow(const char* format, const std::exception& cause) {
+  std::throw_with_nested(std::runtime_error(message(format, cause.what())));
+}
+
+unsigned protocolOf(Transport transport) {
+  return transport == Transport::Tcp ? portmap::kTcp : portmap::kUdp;
+}
+
+}  // namespace
+
+NfsServer::Impl::Impl() : m_address(kNoAddress) {
+  CNfsLibLogger::getInstance();  // made first, so that it outlives the server
+}
+
+NfsServer::Impl::~Impl() = default;
+
+void NfsServer::Impl::exportFileSystem(const NfsPath& path, FileSystem& fs,
+                                       const NfsMountSpec& spec) {
+  const std::lock_guard lock(m_addressLock);
+  try {
+    modeFor(spec);
+    const NfsMountSpec before = m_settings;
+    m_settings = spec;
+    if (!NfsService::exportFileSystem(path, fs, spec)) return;
+    try {
+      startServer();
+    } catch (...) {
+      m_settings = before;
+      NfsService::removeExport(path);
+      throw;
+    }
+  } catch (const std::exception& e) {
+    rethrow("Failed to export NFS file system. Error [%1]", e);
+  }
+}
+
+void NfsServer::Impl::removeExport(const NfsPath& path) {
+  const std::lock_guard lock(m_addressLock);
+  try {
+    if (NfsService::removeExport(path)) stopServer();
+    if (!waitForViews(kPatience)) {
+      log().warn("Requests still use the tree of the removed export [%1].", path);
+    }
+  } catch (const std::exception& e) {
+    rethrow("Exported NFS file system has not been removed. Error [%1]", e);
+  }
+}
+
+void NfsServer::Impl::reRunServer(const NfsMountSpec& spec) {
+  const std::lock_guard lock(m_addressLock);
+  try {
+    modeFor(spec);
+    stopServer();
+    m_settings = spec;
+    startServer();
+  } catch (const std::exception& e) {
+    rethrow("Unable to restart NFS server. Error: [%1]", e);
+  }
+}
+
+unsigned int NfsServer::Impl::getAddress() const {
+  const std::lock_guard lock(m_addressLock);
+  if (m_address == kNoAddress) {
+    throw std::runtime_error("NFS server is not listening on any network address.");
+  }
+  return m_address;
+}
+
+unsigned int NfsServer::Impl::getNfsPort() const {
+  const std::lock_guard lock(m_addressLock);
+  if (m_nfsPort == 0) throw std::runtime_error("NFS server has no running mount service.");
+  return m_nfsPort;
+}
+
+unsigned int NfsServer::Impl::getMountPort() const {
+  const std::lock_guard lock(m_addressLock);
+  if (m_nfsPort == 0) throw std::runtime_error("NFS server has no running mount service.");
+  return modeFor(m_settings).hasMountProgram ? m_mountPort : 0;
+}
+
+bool NfsServer::Impl::shutDown() {
+  const std::lock_guard lock(m_addressLock);
+  stopServer();
+  clearExports();
+  return !m_serverThread.joinable();
+}
+
+bool NfsServer::Impl::usesAddressAlias() const {
+  return !m_settings.skipAddressAlias && m_settings.version == 3;
+}
+
+void NfsServer::Impl::startServer() {
+  try {
+    if (m_serverThread.joinable()) {
+      if (!network::isSet(m_stopRequested)) return;
+      waitStopped();  // it was told to stop, and took its time
+      m_serverThread.join();
+      network::setFlag(m_stopRequested, false);
+    }
+    const ServerMode& mode = modeFor(m_settings);
+    m_address = address::getUnusedLocalAddress(!usesAddressAlias());
+    log().info("Starting NFS server on [%1].", address::str(m_address));
+    if (usesAddressAlias()) {
+      system::addAddress(system::hostCommands().loopbackInterface, m_address);
+      m_aliasAdded = true;
+    }
+    {
+      const std::lock_guard lock(m_runningLock);
+      m_ended = false;
+      m_failure.reset();
+    }
+    m_serverThread = std::thread([this, &mode] { runServer(mode); });
+    waitReady();
+  } catch (const std::exception& e) {
+    const auto failure = std::current_exception();
+    stopServer();
+    removeAddress();
+    try {
+      std::rethrow_exception(failure);
+    } catch (const std::exception& known) {
+      rethrow("Failed to start NFS server. Error [%1]", known);
+    }
+  }
+}
+
+void NfsServer::Impl::stopServer() {
+  if (!m_serverThread.joinable()) return;
+  log().info("Stopping NFS server on [%1].", address::str(m_address));
+  try {
+    requestStop();
+    waitStopped();
+    m_serverThread.join();
+    removeAddress();
+    m_mountPort = m_nfsPort = 0;
+    network::setFlag(m_stopRequested, false);
+  } catch (std::exception& e) {
+    removeAddress();
+    log().err("NFS server is shutting down in a background. Error [%1]", e.what());
+  }
+}
+
+void NfsServer::Impl::removeAddress() {
+  if (m_aliasAdded) system::removeAddress(system::hostCommands().loopbackInterface, m_address);
+  m_aliasAdded = false;
+  m_address = kNoAddress;
+}
+
+void NfsServer::Impl::runServer(const ServerMode& mode) {
+  std::optional<std::string> failure;
+  try {
+    serve(mode);
+  } catch (std::exception& e) {
+    log().errWith(e, "NFS server failed.");
+    failure = e.what();
+  } catch (...) {
+    log().err("NFS server failed.");
+    failure = "unknown error";
+  }
+  notifyStopped(std::move(failure));
+}
+
+void NfsServer::Impl::serve(const ServerMode& mode) {
+  const int type = mode.transport == Transport::Tcp ? SOCK_STREAM : SOCK_DGRAM;
+  const unsigned mountPort = address::getMountProgramPort(type, m_settings.useMountPort, 0);
+  m_mountPort = static_cast<unsigned short>(mountPort);
+  m_nfsPort = static_cast<unsigned short>(
+      address::getNfsProgramPort(type, m_settings.useNfsPort, mountPort));
+
+  const auto rpcServer = makeRpcServer(mode);
+  std::list<ServerSocket> sockets;
+  const auto listenOn = [&](std::span<const Listener> listeners) {
+    for (const Listener& listener : listeners) {
+      sockets.emplace_back(listener, m_address, portOf(listener.port), *rpcServer);
+    }
+  };
+  const bool systemPortmap = isSystemPortmapServiceRunning();
+  listenOn(mode.listeners);
+  if (!systemPortmap) listenOn(mode.ownPortmapListeners);
+
+  const utility::ScopedCleanupTask stopServices(
+      [&] {
+        for (ServerSocket& socket : sockets) socket.stop();
+        log().info(mode.stopped);
+      },
+      "Stop services task");
+  for (ServerSocket& socket : sockets) socket.start(m_stopRequested);
+  log().info(mode.started);
+  notifyReady();
+  waitStopRequest();
+}
+
+std::unique_ptr<rpc::RpcServer> NfsServer::Impl::makeRpcServer(const ServerMode& mode) {
+  auto portMap = std::make_unique<portmap::PortMapProgram>();
+  for (const PortMapping& mapping : mode.mappings) {
+    portMap->map(mapping.program, portOf(mapping.port), protocolOf(mapping.transport),
+                 m_settings.version);
+  }
+  auto server = std::make_unique<rpc::RpcServer>();
+  server->setAllowedGroupId(m_settings.allowedGroupId);
+  server->registerProgram(rpc::kPortmapProgram, std::move(portMap));
+  if (mode.hasMountProgram) {
+    server->registerProgram(rpc::kMountProgram, std::make_unique<mount::MountProgram>(*this));
+  }
+  server->registerProgram(rpc::kNfsProgram, mode.makeNfsProgram(*this, m_settings.writeEnabled));
+  // Requests that change nothing need no order among them.
+  if (!m_settings.writeEnabled) server->allowParallelRequests();
+  return server;
+}
+
+unsigned NfsServer::Impl::portOf(PortRole role) const {
+  switch (role) {
+    case PortRole::Mount:
+      return m_mountPort;
+    case PortRole::Nfs:
+      return m_nfsPort;
+    case PortRole::Portmap:
+      break;
+  }
+  return portmap::kPort;
+}
+
+bool NfsServer::Impl::isSystemPortmapServiceRunning() {
+  return !address::isPortUnused(portmap::kPort, "0.0.0.0", SOCK_STREAM);
+}
+
+void NfsServer::Impl::waitReady() {
+  std::unique_lock lock(m_runningLock);
+  if (!m_runningChanged.wait_for(lock, kPatience, [this] { return m_running || m_ended; })) {
+    throw std::runtime_error("NFS server failed to start in a timely fashion.");
+  }
+  if (m_failure) throw std::runtime_error(*m_failure);
+}
+
+void NfsServer::Impl::notifyReady() {
+  {
+    const std::lock_guard lock(m_runningLock);
+    m_running = true;
+  }
+  m_runningChanged.notify_one();
+}
+
+void NfsServer::Impl::waitStopped() {
+  std::unique_lock lock(m_runningLock);
+  if (!m_runningChanged.wait_for(lock, kPatience, [this] { return m_ended; })) {
+    throw std::runtime_error("NFS server has not been stopped in a timely fashion.");
+  }
+}
+
+void NfsServer::Impl::notifyStopped(std::optional<std::string> failure) {
+  // Notified under the lock: whoever waits may be about to destroy the condition.
+  const std::lock_guard lock(m_runningLock);
+  m_running = false;
+  m_ended = true;
+  m_failure = std::move(failure);
+  m_runningChanged.notify_one();
+}
+
+void NfsServer::Impl::waitStopRequest() {
+  std::unique_lock lock(m_stopLock);
+  m_stopChanged.wait(lock, [this] { return network::isSet(m_stopRequested); });
+}
+
+void NfsServer::Impl::requestStop() {
+  {
+    const std::lock_guard lock(m_stopLock);
+    network::setFlag(m_stopRequested, true);
+  }
+  m_stopChanged.notify_one();
+}
+
+NfsServer::NfsServer() : m_impl(std::make_unique<Impl>()) {}
+
+NfsServer::~NfsServer() {
+  // A thread that a host keeps busy beyond all patience goes on using the server while the process
+  // ends.
+  if (!m_impl->shutDown()) static_cast<void>(m_impl.release());
+}
+
+NfsServer& NfsServer::instance() {
+  static NfsServer server;
+  return server;
+}
+
+void NfsServer::exportFileSystem(const NfsPath& path, FileSystem& fs, const NfsMountSpec& spec) {
+  m_impl->exportFileSystem(path, fs, spec);
+}
+void NfsServer::removeExport(const NfsPath& path) { m_impl->removeExport(path); }
+void NfsServer::reRunServer(const NfsMountSpec& spec) { m_impl->reRunServer(spec); }
+unsigned int NfsServer::getAddress() const { return m_impl->getAddress(); }
+unsigned int NfsServer::getNfsPort() const { return m_impl->getNfsPort(); }
+unsigned int NfsServer::getMountPort() const { return m_impl->getMountPort(); }
+
+}  // namespace nfslib

@@ -1,0 +1,74 @@
+#include "server/server_mode.h"
+
+#include <nfslib/nfs_mount_spec.h>
+
+#include "common/log.h"
+#include "nfs3/nfs3_program.h"
+#include "rpc/rpc_header.h"
+
+#include <array>
+#include <stdexcept>
+
+namespace nfslib {
+
+namespace {
+
+using enum PortRole;
+using enum Transport;
+
+constexpr std::array kNfs3TcpMappings{
+    PortMapping{rpc::kMountProgram, Tcp, Mount},
+    PortMapping{rpc::kNfsProgram, Tcp, Nfs},
+    PortMapping{rpc::kMountProgram, Udp, Mount},
+};
+// Clients that look the ports up over UDP find the port mapper even beside the system's own.
+constexpr std::array kNfs3TcpListeners{
+    Listener{Udp, Mount},
+    Listener{Tcp, Mount},
+    Listener{Tcp, Nfs},
+    Listener{Udp, Portmap},
+};
+constexpr std::array kNfs3TcpOwnPortmap{Listener{Tcp, Portmap}};
+
+constexpr std::array kNfs3UdpMappings{
+    PortMapping{rpc::kMountProgram, Udp, Mount},
+    PortMapping{rpc::kNfsProgram, Udp, Nfs},
+};
+constexpr std::array kNfs3UdpListeners{
+    Listener{Udp, Portmap},
+    Listener{Udp, Mount},
+    Listener{Udp, Nfs},
+};
+
+std::unique_ptr<rpc::RpcProgram> makeNfs3Program(NfsService& service, bool writeEnabled) {
+  return std::make_unique<nfs::Nfs3Program>(service, writeEnabled);
+}
+
+const ServerMode kNfs3Tcp{Tcp,
+                          true,
+                          kNfs3TcpMappings,
+                          kNfs3TcpListeners,
+                          kNfs3TcpOwnPortmap,
+                          makeNfs3Program,
+                          "NFS3 server via TCP has been started.",
+                          "NFS3 server via TCP has been stopped."};
+const ServerMode kNfs3Udp{Udp,
+                          true,
+                          kNfs3UdpMappings,
+                          kNfs3UdpListeners,
+                          {},
+                          makeNfs3Program,
+                          "NFS3 server via udp has started.",
+                          "NFS3 server via udp has stopped."};
+
+}  // namespace
+
+const ServerMode& modeFor(const NfsMountSpec& settings) {
+  if (settings.version != 3) {
+    throw std::runtime_error(message(
+        "NFS version [%1] is not served by this release. Ask for version 3.", settings.version));
+  }
+  return settings.protocol == NfsMountSpec::Protocol::udp ? kNfs3Udp : kNfs3Tcp;
+}
+
+}  // namespace nfslib

@@ -1,0 +1,29 @@
+#pragma once
+
+#include "network/tcp_server.h"
+#include "network/udp_server.h"
+#include "server/server_mode.h"
+
+#include <variant>
+
+namespace nfslib {
+
+// One listening socket of the server, of either transport.
+class ServerSocket {
+ public:
+  // `address` in network byte order, `port` in host byte order. Throws std::runtime_error with a
+  // sentence that names the port, the cause and what helps.
+  ServerSocket(const Listener& listener, unsigned address, unsigned port,
+               rpc::RpcRequestProcessor& processor);
+
+  void start(const bool& stop);
+  void stop();
+
+ private:
+  template <class Action>
+  void withServer(Action action);
+
+  std::variant<std::monostate, network::TcpServer, network::UdpServer> m_server;
+};
+
+}  // namespace nfslib

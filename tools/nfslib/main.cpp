@@ -1,0 +1,102 @@
+// nfslib: serves a directory, or a tree in memory, over NFS.
+
+#include "serve_command.h"
+
+#include <exception>
+#include <iostream>
+#include <map>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <grp.h>
+#include <unistd.h>
+
+namespace {
+
+using nfslib::NfsMountSpec;
+
+constexpr int kFailed = 1;
+constexpr int kBadUsage = 2;
+
+// A user needs the plain cause, not the list of steps that it passed through.
+std::string innermost(const std::exception& e) {
+  try {
+    std::rethrow_if_nested(e);
+  } catch (const std::exception& cause) {
+    return innermost(cause);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): not ours; what we have is the best there is
+  }
+  return e.what();
+}
+
+// A message on one line.
+std::string oneLine(std::string text) {
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  for (char& c : text) {
+    if (c == '\n') c = ' ';
+  }
+  return text;
+}
+
+int groupId(const std::string& group) {
+  int id = 0;
+  if (CLI::detail::lexical_cast(group, id)) return id;
+  if (const struct group* entry = getgrnam(group.c_str())) return static_cast<int>(entry->gr_gid);
+  throw std::runtime_error("There is no group '" + group + "' on this system.");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Serves a directory, or a tree in memory, over NFS."};
+  app.require_subcommand(1);
+  nfslib::tool::ServeOptions options;
+  NfsMountSpec& spec = options.spec;
+  spec.maxOpenFiles = 128;
+  spec.version = geteuid() == 0 ? 3 : 4;
+  std::string group;
+  bool alias = false;
+
+  CLI::App* serve = app.add_subcommand("serve", "Serve SOURCE until SIGINT or SIGTERM");
+  serve->add_option("SOURCE", options.source, "A directory, or memory[:SIZE] (default size 256M)")
+      ->required();
+  serve->add_flag("--rw", spec.writeEnabled, "Let clients change the tree");
+  serve->add_option("--nfs-version", spec.version, "3 or 4 (default: 3 as root, 4 otherwise)")
+      ->check(CLI::IsMember({3, 4}));
+  const std::map<std::string, NfsMountSpec::Protocol> protocols{
+      {"tcp", NfsMountSpec::Protocol::tcp}, {"udp", NfsMountSpec::Protocol::udp}};
+  serve->add_option("--proto", spec.protocol, "tcp (default) or udp")
+      ->transform(CLI::CheckedTransformer(protocols));
+  serve->add_option("--nfs-port", spec.useNfsPort, "Port of NFS (default: a free one from 33049)")
+      ->check(CLI::Range(1, 65535));
+  serve
+      ->add_option("--mount-port", spec.useMountPort,
+                   "Port of MOUNT (default: a free one from 33050)")
+      ->check(CLI::Range(1, 65535));
+  serve->add_flag("--alias", alias, "Serve on a loopback address of its own (version 3, root)");
+  serve->add_option("--group", group, "Group, by name or number, whose members may use the export");
+  serve->add_option("--max-open-files", spec.maxOpenFiles, "Keep up to twice as many files open")
+      ->check(CLI::Range(1, 1'000'000));
+  serve->add_option("--rsize", spec.rsize, "Bytes that a local mount asks for in one READ")
+      ->check(CLI::Range(1024, 1'048'576));
+  serve->add_option("--log-level", options.logLevel, "error, warn (default), info or debug")
+      ->check(CLI::IsMember({"error", "warn", "info", "debug"}));
+  serve->add_option("--log-file", options.logFile, "Append the log to a file");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help
+    std::cerr << "nfslib: " << oneLine(e.what()) << " (see 'nfslib serve --help')\n";
+    return kBadUsage;
+  }
+  try {
+    if (!group.empty()) spec.allowedGroupId = groupId(group);
+    spec.skipAddressAlias = !alias;
+    nfslib::tool::serve(options);
+    return 0;
+  } catch (const std::exception& e) {
+    std::cerr << "nfslib: " << oneLine(innermost(e)) << '\n';
+    return kFailed;
+  }
+}

@@ -1,0 +1,137 @@
+#include "serve_command.h"
+
+#include <nfslib/log.h>
+#include <nfslib/nfs_path.h>
+#include <nfslib/nfs_server.h>
+
+#include "source.h"
+#include "spdlog_sink.h"
+
+#include <csignal>
+#include <filesystem>
+#include <iostream>
+
+#include <arpa/inet.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace nfslib::tool {
+
+namespace {
+
+// Blocked before the library starts threads, which inherit the mask, so that only `wait` takes
+// them.
+class StopSignals {
+ public:
+  StopSignals() {
+    sigemptyset(&m_signals);
+    sigaddset(&m_signals, SIGINT);
+    sigaddset(&m_signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &m_signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);  // nobody may read our output any more
+  }
+  void wait() const {
+    int received = 0;
+    sigwait(&m_signals, &received);
+  }
+
+ private:
+  sigset_t m_signals{};
+};
+
+// An export for the time that it is served.
+class Export {
+ public:
+  Export(const NfsPath& path, FileSystem& tree, const NfsMountSpec& spec) : m_path(path) {
+    NfsServer::instance().exportFileSystem(path, tree, spec);
+  }
+  ~Export() {
+    try {
+      NfsServer::instance().removeExport(m_path);
+    } catch (const std::exception& e) {
+      std::cerr << "nfslib: " << e.what() << '\n';
+    }
+  }
+  Export(const Export&) = delete;
+  Export& operator=(const Export&) = delete;
+
+ private:
+  NfsPath m_path;
+};
+
+// The library keeps directories and files open; the usual limit of 1,024 would make that tight.
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+std::string dotted(unsigned address) {
+  char text[INET_ADDRSTRLEN] = {};
+  inet_ntop(AF_INET, &address, text, sizeof text);
+  return text;
+}
+
+bool hasProgram(const char* name) {
+  for (const char* directory : {"/usr/sbin/", "/sbin/", "/usr/bin/", "/usr/local/bin/"}) {
+    if (access((std::string(directory) + name).c_str(), X_OK) == 0) return true;
+  }
+  return false;
+}
+
+// For a human at a terminal: how to reach the share with a client that this machine has.
+void printHint(const ServeOptions& options, const std::string& path, const std::string& address,
+               unsigned nfsPort, unsigned mountPort) {
+  if (isatty(STDERR_FILENO) == 0) return;
+  const std::string ports = std::to_string(nfsPort), mount = std::to_string(mountPort);
+  const bool isTcp = options.spec.protocol == NfsMountSpec::Protocol::tcp;
+  if (isTcp && hasProgram("mount.nfs")) {
+    std::cerr << "Mount it, as root:  mount -t nfs -o vers=3,proto=tcp,nolock,port=" << ports
+              << ",mountport=" << mount << (options.spec.writeEnabled ? "" : ",ro") << " '"
+              << address << ':' << path << "' /mnt\n";
+  }
+  if (isTcp && hasProgram("nfs-ls")) {
+    std::cerr << "List it:  nfs-ls -R 'nfs://" << address << path << "?nfsport=" << ports
+              << "&mountport=" << mount << "'\n";
+  }
+  if (isTcp && !hasProgram("mount.nfs") && !hasProgram("nfs-ls")) {
+    std::cerr << "This machine has no NFS client; the packages nfs-common and libnfs-utils bring "
+                 "one each.\n";
+  }
+  std::cerr << "Press Ctrl-C to stop.\n";
+}
+
+}  // namespace
+
+void serve(const ServeOptions& options) {
+  const StopSignals stopSignals;
+  raiseDescriptorLimit();
+  const Source source = openSource(options.source);
+
+  // Unless the user asked for a log, a start that fails says so in one sentence of its own.
+  const bool logsFromStart = !options.logLevel.empty() || !options.logFile.empty();
+  const auto installLog = [&] {
+    const std::string level = options.logLevel.empty() ? "warn" : options.logLevel;
+    CNfsLibLogger::getInstance().setImpl(makeLogSink(level, options.logFile));
+  };
+  if (logsFromStart) installLog();
+  {
+    NfsServer& server = NfsServer::instance();
+    const Export published(NfsPath(source.exportPath), *source.tree, options.spec);
+    if (!logsFromStart) installLog();
+    const std::string address = dotted(server.getAddress());
+    const unsigned nfsPort = server.getNfsPort();
+    const unsigned mountPort = server.getMountPort();
+
+    std::cout << "export " << source.exportPath << "\naddress " << address << "\nnfs-port "
+              << nfsPort << '\n';
+    if (mountPort != 0) std::cout << "mount-port " << mountPort << '\n';
+    std::cout << "ready" << std::endl;
+    printHint(options, source.exportPath, address, nfsPort, mountPort);
+    stopSignals.wait();
+  }
+  CNfsLibLogger::getInstance().resetImpl();
+}
+
+}  // namespace nfslib::tool

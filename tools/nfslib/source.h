@@ -1,0 +1,24 @@
+#pragma once
+
+#include <nfslib/file_system.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace nfslib::tool {
+
+// What the user asked to have served.
+struct Source {
+  std::string exportPath;  // "/" and a short name
+  std::unique_ptr<FileSystem> tree;
+};
+
+// SOURCE as it stands on the command line: "memory", "memory:SIZE" or a directory. Throws
+// std::runtime_error with a sentence for the user.
+Source openSource(const std::string& text);
+
+// A number of bytes like "64M": K, M, G and T are powers of 1,024. Throws std::runtime_error.
+std::uint64_t parseSize(const std::string& text);
+
+}  // namespace nfslib::tool
