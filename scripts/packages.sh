@@ -6,8 +6,8 @@
 # As root it runs apt-get. Any other user gets the one command that an administrator has to run.
 set -euo pipefail
 
-build="g++ cmake ninja-build pkg-config uuid-dev libmagicenum-dev libcli11-dev libspdlog-dev"
-demo="libnfs-utils"
+build="g++ cmake ninja-build pkg-config uuid-dev libtirpc-dev libmagicenum-dev libcli11-dev libspdlog-dev"
+demo="libnfs-utils libnfs-dev"
 test="clang clang-format clang-tidy libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev
   libnfs-dev libnfs-utils tshark tcpdump rpcbind nfs-common iproute2 util-linux python3 ccache
   qemu-system-x86 busybox-static kmod cpio e2fsprogs"

@@ -34,8 +34,8 @@ struct MetaData {
   /// Last change of the data; also the change attribute of NFS version 4, so it must move whenever
   /// the content of a file or the entries of a directory do.
   std::uint32_t modifyTime = 0;
-  std::uint16_t mode = 0;    ///< permission bits, the low 12 as in POSIX
-  std::vector<NfsAce4> acl;  ///< access-control list; may be empty
+  std::uint16_t mode = 0;      ///< permission bits, the low 12 as in POSIX
+  std::vector<NfsAce4> acl{};  ///< access-control list; may be empty
 
   bool operator==(const MetaData&) const = default;
 };

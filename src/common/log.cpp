@@ -87,7 +87,10 @@ std::shared_ptr<INfsLibLogSection> CNfsLibLogger::getImpl() const {
   return m_impl;
 }
 
-void CNfsLibLogger::setImpl(std::unique_ptr<INfsLibLogSection> impl) { replace(std::move(impl)); }
+void CNfsLibLogger::setImpl(std::unique_ptr<INfsLibLogSection> impl) {
+  if (!impl) return resetImpl();
+  replace(std::move(impl));
+}
 
 void CNfsLibLogger::resetImpl() { replace(std::make_shared<CNfsLibLoggerStub>()); }
 

@@ -8,8 +8,10 @@
 #include <atomic>
 #include <concepts>
 #include <exception>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace nfslib {
 
@@ -30,6 +32,12 @@ inline std::string text(std::integral auto number) { return std::to_string(numbe
 
 }  // namespace logging
 
+// The text of a line or of an exception: `format` with its placeholders filled.
+template <class... Args>
+std::string message(const char* format, const Args&... args) {
+  return utility::str_format(format, std::vector<std::string>{logging::text(args)...});
+}
+
 // The library's own way to its log: `log().dbg("readLink: path [%1]", path)`. Arguments are
 // strings, paths, handles and whole numbers; they are turned into text only when the sink keeps the
 // level.
@@ -37,24 +45,24 @@ class Log {
  public:
   template <class... Args>
   void dbg(const char* format, const Args&... args) const {
-    if (logging::keeps(LogLevel::dbg)) sink()->dbg(fill(format, args...));
+    if (logging::keeps(LogLevel::dbg)) sink()->dbg(message(format, args...));
   }
   template <class... Args>
   void info(const char* format, const Args&... args) const {
-    if (logging::keeps(LogLevel::info)) sink()->info(fill(format, args...));
+    if (logging::keeps(LogLevel::info)) sink()->info(message(format, args...));
   }
   template <class... Args>
   void warn(const char* format, const Args&... args) const {
-    if (logging::keeps(LogLevel::warn)) sink()->warn(fill(format, args...));
+    if (logging::keeps(LogLevel::warn)) sink()->warn(message(format, args...));
   }
   template <class... Args>
   void err(const char* format, const Args&... args) const {
-    if (logging::keeps(LogLevel::err)) sink()->err(fill(format, args...));
+    if (logging::keeps(LogLevel::err)) sink()->err(message(format, args...));
   }
   // With the exception that the line is about.
   template <class... Args>
   void errWith(std::exception& e, const char* format, const Args&... args) const {
-    if (logging::keeps(LogLevel::err)) sink()->err(fill(format, args...), e);
+    if (logging::keeps(LogLevel::err)) sink()->err(message(format, args...), e);
   }
   void err(std::exception& e) const {
     if (logging::keeps(LogLevel::err)) sink()->err(e);
@@ -64,22 +72,8 @@ class Log {
   static std::shared_ptr<INfsLibLogSection> sink() {
     return CNfsLibLogger::getInstance().getImpl();
   }
-  template <class... Args>
-  static std::string fill(const char* format, const Args&... args) {
-    if constexpr (sizeof...(Args) == 0) {
-      return format;
-    } else {
-      return utility::str_format(format, {logging::text(args)...});
-    }
-  }
 };
 
 inline Log log() { return {}; }
-
-// The text of an exception or a line, for code that throws: the same placeholders.
-template <class... Args>
-std::string message(const char* format, const Args&... args) {
-  return utility::str_format(format, {logging::text(args)...});
-}
 
 }  // namespace nfslib

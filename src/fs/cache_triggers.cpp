@@ -14,11 +14,13 @@ void NfsDirCacheTrigger::clearMetaCache(const NfsPath& path) { drop(m_cache, pat
 
 std::shared_ptr<Directory> NfsDirCacheTrigger::wrap(const std::string& name,
                                                     const std::shared_ptr<Directory>& dir) {
+  if (!dir) return nullptr;
   return std::make_shared<NfsDirCacheTrigger>(m_path / name, dir, m_cache.lock());
 }
 
 std::shared_ptr<File> NfsDirCacheTrigger::wrap(const std::string& name,
                                                const std::shared_ptr<File>& file) {
+  if (!file) return nullptr;
   return std::make_shared<NfsFileCacheTrigger>(m_path / name, file, m_cache.lock());
 }
 

@@ -30,8 +30,9 @@ void DirectoryPositions::store(Position position) {
   if (m_positions.size() <= m_capacity) return;
   // A finished listing is seldom asked for again: it goes before one that a client is in the midst
   // of.
-  const auto finished = std::find_if(m_positions.rbegin(), m_positions.rend(),
-                                     [](const Position& stored) { return !stored.it; });
+  const auto finished =
+      std::find_if(m_positions.rbegin(), m_positions.rend(),
+                   [](const Position& stored) { return stored.it == DirectoryIterator(); });
   const auto victim =
       finished == m_positions.rend() ? std::prev(m_positions.end()) : std::prev(finished.base());
   dropped.splice(dropped.begin(), m_positions, victim);

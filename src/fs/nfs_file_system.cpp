@@ -16,6 +16,18 @@ constexpr std::size_t kDirectoryCapacity = 2048;
 constexpr std::size_t kMetaDataCapacity = 16384;
 constexpr std::size_t kPositionCapacity = 32;
 
+// What a cache gave up. Declared before the lock is taken, so that it goes after the lock: the last
+// holder's release runs the destructor of a host object.
+template <class Object>
+using Displaced = std::optional<std::shared_ptr<Object>>;
+
+// What the host opened; a host that hands out nothing instead of throwing has failed as well.
+template <class Object>
+std::shared_ptr<Object> opened(std::shared_ptr<Object> object) {
+  if (!object) throw std::runtime_error("The host opened nothing and gave no reason.");
+  return object;
+}
+
 std::uint32_t slotOf(const NfsHandle& handle) {
   return static_cast<std::uint32_t>(handle.objectId);
 }
@@ -128,7 +140,7 @@ std::shared_ptr<Directory> NfsFileSystem::openDirectory(const NfsPath& path) {
 // The root is asked for each time and kept nowhere; any other directory is opened from its parent
 // when that is cached, and by a walk from the root when it is not.
 std::shared_ptr<Directory> NfsFileSystem::openHostDirectory(const NfsPath& path) {
-  if (path.isRootPath()) return m_fs.OpenRoot();
+  if (path.isRootPath()) return opened(m_fs.OpenRoot());
 
   std::shared_ptr<Directory> parent;
   std::uint64_t changesBefore = 0;
@@ -140,16 +152,18 @@ std::shared_ptr<Directory> NfsFileSystem::openHostDirectory(const NfsPath& path)
   }
   const std::uint64_t metaBefore = m_metaData->changes();
 
-  std::shared_ptr<Directory> dir = m_fs.OpenRoot();
+  std::shared_ptr<Directory> dir = opened(m_fs.OpenRoot());
   if (parent) {
-    dir = parent->OpenSubdir(path.getFileName());
+    dir = opened(parent->OpenSubdir(path.getFileName()));
   } else {
-    for (const std::string_view node : path.nodes()) dir = dir->OpenSubdir(std::string(node));
+    for (const std::string_view node : path.nodes())
+      dir = opened(dir->OpenSubdir(std::string(node)));
   }
 
   m_metaData->setUnlessChanged(path, dir->GetMetaData(), metaBefore);
+  Displaced<Directory> displaced;
   const std::lock_guard lock(m_cacheLock);
-  if (m_changes == changesBefore) m_directories.set(path, dir);
+  if (m_changes == changesBefore) displaced = m_directories.set(path, dir);
   return dir;
 }
 
@@ -160,19 +174,21 @@ std::shared_ptr<File> NfsFileSystem::openFile(const NfsPath& path) {
     if (auto cached = m_files.find(path)) return *std::move(cached);
     changesBefore = m_changes;
   }
-  auto file = openDirectory(path.getParentPath())->OpenFile(path.getFileName());
+  auto file = opened(openDirectory(path.getParentPath())->OpenFile(path.getFileName()));
+  Displaced<File> displaced;
   const std::lock_guard lock(m_cacheLock);
-  if (m_changes == changesBefore) m_files.set(path, file);
+  if (m_changes == changesBefore) displaced = m_files.set(path, file);
   return file;
 }
 
 void NfsFileSystem::closeFile(const NfsPath& path) {
+  Displaced<File> closed;
   const std::lock_guard lock(m_cacheLock);
-  m_files.erase(path);
+  closed = m_files.erase(path);
 }
 
 std::shared_ptr<Symlink> NfsFileSystem::openSymLink(const NfsPath& path) {
-  return openDirectory(path.getParentPath())->OpenSymlink(path.getFileName());
+  return opened(openDirectory(path.getParentPath())->OpenSymlink(path.getFileName()));
 }
 
 DirectoryIterator NfsFileSystem::getDirIterator(const std::shared_ptr<Directory>& dir) {
@@ -201,11 +217,14 @@ void NfsFileSystem::remove(const std::string& name, const NfsPath& dirPath) {
     }
   }
   {
+    Displaced<File> file;
+    Displaced<Directory> dir;
+    Displaced<Directory> listed;
     const std::lock_guard lock(m_cacheLock);
     ++m_changes;
-    m_files.erase(child);
-    m_directories.erase(child);
-    m_directories.erase(dirPath);
+    file = m_files.erase(child);
+    dir = m_directories.erase(child);
+    listed = m_directories.erase(dirPath);
   }
   m_metaData->erase(child);
   if (isDirectory) {
@@ -222,12 +241,14 @@ void NfsFileSystem::moveEntry(const std::string& name, const NfsPath& dirPath,
   const NfsPath source = dirPath / name;
   const bool isDirectory = isType(getMetaData(source), FileType::Directory);
   {
+    Displaced<File> file;
+    Displaced<Directory> dir;
     const std::lock_guard lock(m_cacheLock);
     ++m_changes;
     if (isDirectory) {
-      m_directories.erase(source);
+      dir = m_directories.erase(source);
     } else {
-      m_files.erase(source);
+      file = m_files.erase(source);
     }
   }
   m_metaData->erase(source);

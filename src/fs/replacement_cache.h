@@ -15,7 +15,8 @@ namespace nfslib::utility {
 // A hit makes the entry the newest (least-recently-used order). Values are copied in and out; a
 // shared_ptr value keeps its object open until the entry is evicted or erased.
 //
-// Not thread-safe: the owner locks, exclusively even for lookups, since a hit reorders.
+// Not thread-safe: the owner locks, exclusively even for lookups, since a hit reorders. What leaves
+// the cache is returned, so that an owner can let go of it after its lock.
 template <class Key, class Value>
 class replacement_cache {
  public:
@@ -25,19 +26,23 @@ class replacement_cache {
     m_index.reserve(std::min<std::size_t>(m_capacity, 16384));
   }
 
-  // Stores `value`, replacing what `key` had before; the entry becomes the newest.
-  void set(const Key& key, const Value& value) {
+  // Stores `value`, replacing what `key` had before; the entry becomes the newest. Returns the
+  // value that made way for it.
+  std::optional<Value> set(const Key& key, const Value& value) {
+    std::optional<Value> displaced;
     if (const auto at = m_index.find(key); at != m_index.end()) {
-      at->second->second = value;
+      displaced = std::exchange(at->second->second, value);
       touch(at->second);
-      return;
+      return displaced;
     }
     if (m_index.size() == m_capacity) {
+      displaced = std::move(m_entries.back().second);
       m_index.erase(m_entries.back().first);
       m_entries.pop_back();
     }
     m_entries.emplace_front(key, value);
     m_index.emplace(key, m_entries.begin());
+    return displaced;
   }
 
   std::optional<Value> find(const Key& key) {
@@ -47,11 +52,13 @@ class replacement_cache {
     return at->second->second;
   }
 
-  void erase(const Key& key) {
+  std::optional<Value> erase(const Key& key) {
     const auto at = m_index.find(key);
-    if (at == m_index.end()) return;
+    if (at == m_index.end()) return std::nullopt;
+    std::optional<Value> erased(std::move(at->second->second));
     m_entries.erase(at->second);
     m_index.erase(at);
+    return erased;
   }
 
   std::size_t size() const { return m_index.size(); }

@@ -16,6 +16,8 @@ std::size_t ReadAhead::receive(memory::mutable_buffer dst, int flags) const {
   do {
     received = recv(m_socket, dst.data(), dst.size(), flags);
   } while (received < 0 && errno == EINTR);
+  // A peer that resets the connection closes it, if rudely: some clients always leave like that.
+  if (received < 0 && errno == ECONNRESET) return 0;
   if (received < 0) {
     throw std::runtime_error(
         message("Failed to receive data. Error: [%1]", utility::getErrnoDescription(errno)));

@@ -25,6 +25,9 @@ RpcProgramResult PortMapProgram::run(MemoryStream& stream,
                                      const rpc::RpcProgramParameters& parameters,
                                      const rpc::AuthOpaque&) {
   log().info("Port map program run call: [%1]", parameters.procedure);
+  // Clients ask in versions 4 and 3 first, where the same numbers mean other arguments, and come
+  // down to version 2 when those are refused.
+  if (parameters.version > kOwnVersion) return RpcProgramResult::ProgramUnavailable;
   switch (parameters.procedure) {
     case kNull:
       return RpcProgramResult::Success;

@@ -11,11 +11,13 @@ struct RpcProgramParameters {
   unsigned procedure = 0;
 };
 
-// How a program's `run` ended. For the last two the server discards whatever results were written.
+// How a program's `run` ended. For all but success the server discards whatever results were
+// written.
 enum class RpcProgramResult : unsigned {
   Success = 0,
   GarbageArguments = 1,
   ProcedureUnavailable = 2,
+  ProgramUnavailable = 3,  // not in the version that the call asks for
 };
 
 // One served RPC program. It chooses by version and procedure what to serve: the server checks

@@ -145,6 +145,9 @@ void RpcServer::updateHeaderWithProgramRC(MemoryStream& stream, unsigned results
     case RpcProgramResult::ProcedureUnavailable:
       status = AcceptStatus::ProcedureUnavailable;
       break;
+    case RpcProgramResult::ProgramUnavailable:
+      status = AcceptStatus::ProgramUnavailable;
+      break;
   }
   stream.seekOutput(resultsStart - 4, SeekOrigin::Begin);
   stream << static_cast<unsigned>(status);

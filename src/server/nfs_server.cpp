@@ -10,6 +10,7 @@
 #include "server/host_commands.h"
 #include "server/nfs_server_impl.h"
 #include "server/ports.h"
+#include "server/rpc_registration.h"
 #include "server/scoped_cleanup_task.h"
 #include "server/server_socket.h"
 
@@ -198,12 +199,19 @@ void NfsServer::Impl::serve(const ServerMode& mode) {
 
   const auto rpcServer = makeRpcServer(mode);
   std::list<ServerSocket> sockets;
+  const bool systemPortmap = isSystemPortmapServiceRunning();
   const auto listenOn = [&](std::span<const Listener> listeners) {
     for (const Listener& listener : listeners) {
-      sockets.emplace_back(listener, m_address, portOf(listener.port), *rpcServer);
+      try {
+        sockets.emplace_back(listener, m_address, portOf(listener.port), *rpcServer);
+      } catch (const ServerSocket::PortTaken& e) {
+        // Some port-map services share port 111 with nobody, on no address. Clients that are told
+        // the ports do not miss it.
+        if (!systemPortmap || listener.port != PortRole::Portmap) throw;
+        log().warn("The system's port-map service keeps port 111: [%1]", e.what());
+      }
     }
   };
-  const bool systemPortmap = isSystemPortmapServiceRunning();
   listenOn(mode.listeners);
   if (!systemPortmap) listenOn(mode.ownPortmapListeners);
 
@@ -214,6 +222,12 @@ void NfsServer::Impl::serve(const ServerMode& mode) {
       },
       "Stop services task");
   for (ServerSocket& socket : sockets) socket.start(m_stopRequested);
+  std::optional<utility::ScopedCleanupTask> unbind;
+  if (systemPortmap && mode.registersWithSystem) {
+    const RpcRegistration registration{m_address, m_nfsPort, m_mountPort, m_settings.version};
+    bindRpcServices(registration);
+    unbind.emplace([registration] { unbindRpcServices(registration); }, "Unbind RPC services");
+  }
   log().info(mode.started);
   notifyReady();
   waitStopRequest();

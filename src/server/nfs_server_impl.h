@@ -23,7 +23,9 @@ class RpcServer;
 // Locks, in their order: m_addressLock for the length of a whole operation of the host; inside it,
 // briefly and one at a time, m_runningLock and m_stopLock. The server thread takes only the latter
 // two.
-class NfsServer::Impl : public NfsService {
+//
+// Hidden by hand: a nested class has the visibility of the public one around it.
+class __attribute__((visibility("hidden"))) NfsServer::Impl : public NfsService {
  public:
   Impl();
   ~Impl();

@@ -16,7 +16,10 @@ namespace {
 using enum PortRole;
 using enum Transport;
 
+// The port mapper names itself as well: rpcinfo asks where it is before it asks it anything else.
 constexpr std::array kNfs3TcpMappings{
+    PortMapping{rpc::kPortmapProgram, Tcp, Portmap},
+    PortMapping{rpc::kPortmapProgram, Udp, Portmap},
     PortMapping{rpc::kMountProgram, Tcp, Mount},
     PortMapping{rpc::kNfsProgram, Tcp, Nfs},
     PortMapping{rpc::kMountProgram, Udp, Mount},
@@ -31,6 +34,7 @@ constexpr std::array kNfs3TcpListeners{
 constexpr std::array kNfs3TcpOwnPortmap{Listener{Tcp, Portmap}};
 
 constexpr std::array kNfs3UdpMappings{
+    PortMapping{rpc::kPortmapProgram, Udp, Portmap},
     PortMapping{rpc::kMountProgram, Udp, Mount},
     PortMapping{rpc::kNfsProgram, Udp, Nfs},
 };
@@ -49,6 +53,7 @@ const ServerMode kNfs3Tcp{Tcp,
                           kNfs3TcpMappings,
                           kNfs3TcpListeners,
                           kNfs3TcpOwnPortmap,
+                          true,
                           makeNfs3Program,
                           "NFS3 server via TCP has been started.",
                           "NFS3 server via TCP has been stopped."};
@@ -57,6 +62,7 @@ const ServerMode kNfs3Udp{Udp,
                           kNfs3UdpMappings,
                           kNfs3UdpListeners,
                           {},
+                          false,
                           makeNfs3Program,
                           "NFS3 server via udp has started.",
                           "NFS3 server via udp has stopped."};

@@ -35,6 +35,8 @@ struct ServerMode {
   std::span<const Listener> listeners;
   // What is served besides while the system runs no port-map service of its own.
   std::span<const Listener> ownPortmapListeners;
+  // Whether clients look the ports up at the system's port-map service when it runs.
+  bool registersWithSystem;
   std::unique_ptr<rpc::RpcProgram> (*makeNfsProgram)(NfsService& service, bool writeEnabled);
   const char* started;  // log lines
   const char* stopped;

@@ -52,9 +52,11 @@ ServerSocket::ServerSocket(const Listener& listener, unsigned address, unsigned 
       log().err(e);
     }
   }
-  throw std::runtime_error(message("Cannot serve [%1] port [%2] of [%3]: [%4].%5",
-                                   isTcp ? "TCP" : "UDP", port, address::str(address),
-                                   utility::getErrnoDescription(error), adviceFor(error)));
+  const std::string text =
+      message("Cannot serve [%1] port [%2] of [%3]: [%4].%5", isTcp ? "TCP" : "UDP", port,
+              address::str(address), utility::getErrnoDescription(error), adviceFor(error));
+  if (error == EADDRINUSE) throw PortTaken(text);
+  throw std::runtime_error(text);
 }
 
 template <class Action>

@@ -58,6 +58,17 @@ TEST_F(PortmapTest, ListsItsTableInAFixedOrder) {
   EXPECT_EQ(call(4, "").body(), list) << "a look-up leaves no entry behind";
 }
 
+// What rpcinfo and showmount send first; anything but "no such program" keeps them from version 2.
+TEST_F(PortmapTest, LaterVersionsAreNotServed) {
+  constexpr unsigned kProgramUnavailable = 1;
+  for (const unsigned version : {3U, 4U}) {
+    const StreamCaller later{server, kPortmap, version};
+    const Reply reply = later(3, wire(kNfs, 3U, std::string("tcp"), std::string(), std::string()));
+    EXPECT_EQ(reply.acceptStatus, kProgramUnavailable) << version;
+    EXPECT_EQ(reply.body(), "") << version;
+  }
+}
+
 TEST_F(PortmapTest, TakesNoRegistrations) {
   EXPECT_EQ(call(0, "").body(), "");
   for (const unsigned procedure : {1U, 2U, 5U, 6U, 0xFFFFFFFFU}) {

@@ -95,6 +95,9 @@ int main(int argc, char** argv) {
     spec.skipAddressAlias = !alias;
     nfslib::tool::serve(options);
     return 0;
+  } catch (const std::invalid_argument& e) {
+    std::cerr << "nfslib: " << oneLine(e.what()) << " (see 'nfslib serve --help')\n";
+    return kBadUsage;
   } catch (const std::exception& e) {
     std::cerr << "nfslib: " << oneLine(innermost(e)) << '\n';
     return kFailed;

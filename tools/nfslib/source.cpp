@@ -37,7 +37,8 @@ std::uint64_t parseSize(const std::string& text) {
   }
   if (error != std::errc() || number == 0 || shift >= 64 ||
       number > std::numeric_limits<std::uint64_t>::max() >> shift) {
-    throw std::runtime_error("'" + text + "' is not a size; write a number of bytes such as 64M.");
+    throw std::invalid_argument(
+        std::string("'").append(text).append("' is not a size of memory; write one such as 64M."));
   }
   return number << shift;
 }
@@ -53,13 +54,12 @@ Source openSource(const std::string& text) {
   std::error_code error;
   const auto status = std::filesystem::status(text, error);
   if (!std::filesystem::exists(status)) {
-    throw std::runtime_error("'" + text +
-                             "' does not exist; name a directory to serve, or 'memory'.");
+    throw std::runtime_error(text + " does not exist; name a directory to serve, or 'memory'.");
   }
   if (!std::filesystem::is_directory(status)) {
-    throw std::runtime_error("'" + text + "' is not a directory; name a directory to serve.");
+    throw std::runtime_error(text + " is not a directory; name a directory to serve.");
   }
-  return {"/" + nameOf(text), std::make_unique<hosts::PosixFileSystem>(text)};
+  return {std::string("/").append(nameOf(text)), std::make_unique<hosts::PosixFileSystem>(text)};
 }
 
 }  // namespace nfslib::tool

@@ -15,10 +15,10 @@ struct Source {
 };
 
 // SOURCE as it stands on the command line: "memory", "memory:SIZE" or a directory. Throws
-// std::runtime_error with a sentence for the user.
+// std::runtime_error with a sentence for the user, std::invalid_argument when it makes no sense.
 Source openSource(const std::string& text);
 
-// A number of bytes like "64M": K, M, G and T are powers of 1,024. Throws std::runtime_error.
+// A number of bytes like "64M": K, M, G and T are powers of 1,024. Throws std::invalid_argument.
 std::uint64_t parseSize(const std::string& text);
 
 }  // namespace nfslib::tool

@@ -1,0 +1,172 @@
+#!/usr/bin/env python3
+"""Writes the seeds of the fuzz targets to fuzz/corpus: one small file a case, named by what it is.
+
+    python3 fuzz/seeds.py
+
+Files that a fuzzer found stay beside them; only the seeds are written anew.
+"""
+
+import pathlib
+import struct
+
+CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
+NFS, MOUNT, PORTMAP = 100003, 100005, 100000
+ROOT, FILE, EMPTY, LINK, DIRECTORY, OLD, ELSEWHERE, UNKNOWN = range(8)
+LARGEST = 0xFFFFFFFF
+
+
+def words(*values):
+    return b"".join(struct.pack(">I", value) for value in values)
+
+
+def longs(*values):
+    return b"".join(struct.pack(">Q", value) for value in values)
+
+
+def opaque(value):
+    return words(len(value)) + value + bytes(-len(value) % 4)
+
+
+def handle(number):
+    """What fuzz/served_tree.h replaces with the handle of an object."""
+    return opaque(b"nfslib-fuzz-obj" + bytes([number]))
+
+
+def write(target, name, content):
+    directory = CORPUS / target
+    directory.mkdir(parents=True, exist_ok=True)
+    (directory / name).write_bytes(content)
+
+
+def arguments():
+    """(name, program, procedure, arguments) of good calls and of some that are not."""
+    yield "null", NFS, 0, b""
+    for name, number in (("root", ROOT), ("file", FILE), ("old", OLD), ("elsewhere", ELSEWHERE),
+                         ("unknown", UNKNOWN)):
+        yield f"getattr-{name}", NFS, 1, handle(number)
+    yield "getattr-short-handle", NFS, 1, opaque(b"short")
+    yield "getattr-long-handle", NFS, 1, opaque(bytes(64))
+    for name in (b"file", b"directory", b"none", b".", b"..", b"", b"a/b", b"x" * 300, b"[%1]\xff\0"):
+        label = name[:9].hex() or "empty"
+        yield f"lookup-{label}", NFS, 3, handle(ROOT) + opaque(name)
+    yield "lookup-in-a-file", NFS, 3, handle(FILE) + opaque(b"file")
+    yield "lookup-length", NFS, 3, handle(ROOT) + words(LARGEST)
+    yield "access", NFS, 4, handle(FILE) + words(0x3F)
+    yield "readlink", NFS, 5, handle(LINK)
+    yield "readlink-of-a-file", NFS, 5, handle(FILE)
+    for offset, count in ((0, 300), (299, 100), (300, 1), (0, LARGEST), (2**64 - 1, LARGEST),
+                          (2**63, 1), (0, 0)):
+        yield f"read-{offset}-{count}", NFS, 6, handle(FILE) + longs(offset) + words(count)
+    yield "read-a-directory", NFS, 6, handle(DIRECTORY) + longs(0) + words(100)
+    for cookie, count in ((0, 4096), (3, 200), (2**64 - 1, 4096), (0, 0), (0, LARGEST), (20, 512)):
+        start = handle(DIRECTORY) + longs(cookie) + bytes(8)
+        yield f"readdir-{cookie}-{count}", NFS, 16, start + words(count)
+        yield f"readdirplus-{cookie}-{count}", NFS, 17, start + words(count, count)
+    yield "readdir-of-a-file", NFS, 16, handle(FILE) + longs(0) + bytes(8) + words(4096)
+    yield "create", NFS, 8, handle(ROOT) + opaque(b"new") + words(0) + words(0, 0, 0, 0, 0, 0)
+    yield "remove", NFS, 12, handle(ROOT) + opaque(b"empty")
+    yield "write", NFS, 7, handle(FILE) + longs(0) + words(4, 2) + opaque(b"data")
+    for name, number in (("fsstat", 18), ("fsinfo", 19), ("pathconf", 20)):
+        yield name, NFS, number, handle(ROOT)
+    yield "no-such-procedure", NFS, 99, b""
+    yield "mnt", MOUNT, 1, opaque(b"/tree")
+    yield "mnt-unknown", MOUNT, 1, opaque(b"/nowhere")
+    yield "mnt-length", MOUNT, 1, words(LARGEST) + b"/tree"
+    yield "umnt", MOUNT, 3, opaque(b"/tree")
+    yield "export", MOUNT, 5, b""
+    yield "getport", PORTMAP, 3, words(NFS, 3, 6, 0)
+    yield "getport-outside", PORTMAP, 3, words(100021, 4, 6, 0)
+    yield "getport-short", PORTMAP, 3, words(NFS, 3)
+    yield "dump", PORTMAP, 4, b""
+
+
+def call(program, procedure, body, credential=None, verifier=b"", xid=1):
+    if credential is None:
+        credential = words(1) + opaque(words(0) + opaque(b"host") + words(0, 0, 2, 10, 20))
+    version = 2 if program == PORTMAP else 3
+    return words(xid, 0, 2, program, version, procedure) + credential + words(0) + \
+        opaque(verifier) + body
+
+
+def record(*calls):
+    content = b"".join(calls)
+    return words(0x80000000 | len(content)) + content
+
+
+def rpc_call():
+    for name, program, procedure, body in arguments():
+        choice = (NFS, MOUNT, PORTMAP).index(program) << 1
+        write("rpc_call", name, bytes([choice, procedure, 0]) + body)
+        if name.startswith("read"):
+            write("rpc_call", name + "-udp", bytes([choice | 1, procedure, 1]) + body)
+
+
+def connection():
+    null = call(NFS, 0, b"")
+    lookup = call(NFS, 3, handle(ROOT) + opaque(b"file"))
+    read = call(NFS, 6, handle(FILE) + longs(0) + words(300))
+    listing = call(NFS, 17, handle(DIRECTORY) + longs(0) + bytes(8) + words(4096, 4096))
+    write("connection", "one", record(null))
+    write("connection", "three-records", record(null) + record(lookup) + record(read))
+    write("connection", "three-calls-in-a-record", record(null, lookup, listing))
+    write("connection", "mount-and-read", record(call(MOUNT, 1, opaque(b"/tree"))) + record(read))
+    write("connection", "mount-of-nothing", record(call(MOUNT, 1, opaque(b"/no"))) + record(null))
+    write("connection", "unknown-program", record(call(100227, 0, b"")) + record(null))
+    write("connection", "not-last", words(len(null)) + null + record(null))
+    write("connection", "empty-record", words(0x80000000) + record(null))
+    write("connection", "too-long", words(0x80000000 | (1 << 20) + 1) + null)
+    write("connection", "hopeless", words(LARGEST) + null)
+    write("connection", "cut", record(lookup)[:-5])
+    write("connection", "half-a-mark", record(null) + b"\x80\0")
+    many_groups = words(1) + opaque(words(0) + opaque(b"host") + words(0, 0, 17, *range(17)))
+    for name, credential in (
+            ("auth-none", words(0, 0)), ("auth-6", words(6) + opaque(b"token")),
+            ("auth-17-groups", many_groups), ("auth-length", words(1, LARGEST)),
+            ("auth-401", words(0) + opaque(bytes(404))),
+            ("auth-user", words(1) + opaque(words(0) + opaque(b"") + words(1000, 1000, 0))),
+            ("auth-short-body", words(1, 4, 0)),
+            ("auth-long-name", words(1) + opaque(words(0) + opaque(b"n" * 256) + words(0, 0, 0)))):
+        write("connection", name, record(call(NFS, 1, handle(ROOT), credential)) + record(null))
+    write("connection", "verifier", record(call(NFS, 1, handle(ROOT), verifier=b"abcde")))
+    write("connection", "verifier-length",
+          record(words(1, 0, 2, NFS, 3, 0, 0, 0, 0, LARGEST)) + record(null))
+
+
+def records():
+    integers = words(0, 1, LARGEST, 7)
+    time_stamp = longs(1_700_000_000) + words(5)
+    ace = words(0, 0, 0x1F) + opaque(b"OWNER@")
+    cases = [
+        ("uint32", integers), ("uint64", longs(0, 2**64 - 1)), ("int64", longs(2**63)),
+        ("bool", words(0, 1, 2)), ("string", opaque(b"abc") + opaque(b"")),
+        ("bytes", opaque(bytes(range(9)))), ("uint32s", words(2, 5, 6, LARGEST)),
+        ("fixed-string", opaque(b"0123456789abcdef") + opaque(b"0123456789abcdefg")),
+        ("counts", words(1, 2, 3, LARGEST)), ("opaque12", bytes(range(12))),
+        ("time", time_stamp), ("device", words(8, 1)), ("fsid", longs(1, 2)),
+        ("handle", opaque(bytes(range(16))) + opaque(b"short")),
+        ("stateid", words(1) + bytes(range(12))), ("client-owner", bytes(8) + opaque(b"owner")),
+        ("ace", ace), ("acl", words(2) + ace + ace),
+        ("impl-id", opaque(b"example.org") + opaque(b"client") + time_stamp),
+        ("channel", words(0, 1, 2, 3, 4, 5, 0) + words(0, 1, 2, 3, 4, 5, 1, 9)),
+        ("protect-ops", words(1, 2, 1, 3)),
+        ("ssv", words(1, 2, 1, 3) + words(1) + opaque(b"oid") + words(1) + opaque(b"oid") +
+         words(1, 2)),
+        ("head", call(NFS, 1, b"")), ("verifier", bytes(8)),
+    ]
+    for number, (name, content) in enumerate(cases):
+        write("records", name, bytes([number]) + content)
+        write("records", name + "-length", bytes([number]) + words(LARGEST, LARGEST) + content)
+
+
+def path():
+    for name, text in (("root", "/"), ("plain", "/a/b\nc"), ("dots", "a//./../../b/.\n../x/y"),
+                       ("only-dots", "../../..\n.."), ("spaces", " / . \n ..."), ("empty", ""),
+                       ("utf-8", "/Grüße/日本\n…"), ("slashes", "////\n//")):
+        write("path", name, text.encode())
+
+
+if __name__ == "__main__":
+    rpc_call()
+    connection()
+    records()
+    path()

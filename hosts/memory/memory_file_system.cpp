@@ -1,0 +1,20 @@
+#include "memory/memory_file_system.h"
+
+#include "memory/memory_directory.h"
+#include "memory/tree.h"
+
+namespace nfslib::hosts {
+
+MemoryFileSystem::MemoryFileSystem(std::uint64_t capacityBytes)
+    : m_tree(std::make_shared<memory::Tree>(capacityBytes)),
+      m_root(std::make_shared<memory::MemoryDirectory>(m_tree, m_tree->root)) {}
+
+MemoryFileSystem::~MemoryFileSystem() = default;
+
+std::shared_ptr<Directory> MemoryFileSystem::OpenRoot() { return m_root; }
+
+std::uint64_t MemoryFileSystem::capacityBytes() const { return m_tree->space.capacity(); }
+
+std::uint64_t MemoryFileSystem::usedBytes() const { return m_tree->space.used(); }
+
+}  // namespace nfslib::hosts

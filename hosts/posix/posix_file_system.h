@@ -1,0 +1,59 @@
+#pragma once
+
+#include <nfslib/file_system.h>
+
+#include <memory>
+#include <string>
+
+namespace nfslib::hosts {
+
+namespace posix {
+class Tree;
+}
+
+/// A directory of this machine and everything below it.
+///
+/// The tree is never left: names are single components, no symbolic link is followed, and a
+/// directory is found anew from the root, beneath it, for every operation. So one that somebody
+/// moves out of the tree is out of reach at once, and directories hold no descriptors however many
+/// are kept open. Files and symbolic links hold one each (a file that is written a second one),
+/// since they must stay usable after their last name is gone; the limit on open files bounds how
+/// many.
+///
+/// A directory that is renamed through this host keeps its objects. One that another process
+/// renames is looked for under its old name, and not found there.
+///
+/// Object ids are handed out in the order in which objects are first seen and are valid for as long
+/// as this object lives; each object seen costs some 60 bytes until it is removed through this
+/// host.
+///
+/// Files are opened for reading, and for writing when they are first written to or resized, so
+/// exporting a tree that may only be read works and programs being run can be served. A file whose
+/// owner is the user of the process can be written whatever its mode, as NFS clients expect of
+/// files that they have created. Block and character devices, sockets and named pipes are listed
+/// but cannot be opened. Needs /proc for writing to files that were opened before, for modes and
+/// for hard links.
+///
+/// Size (of files), mode (not of symbolic links), owner, group, access and modification time can be
+/// set; access lists cannot. Any number of threads may use the tree.
+class PosixFileSystem : public FileSystem {
+ public:
+  /// How the path of a directory below the root is walked.
+  enum class PathWalk {
+    Automatic,    ///< by the kernel in one call (openat2), else component by component
+    ByComponent,  ///< what sandboxes that refuse openat2, and kernels before 5.6, end up with
+  };
+
+  /// Serves `rootDirectory`, which is opened at once and may be reached through symbolic links.
+  /// Throws INfsException when it is not a directory that can be opened.
+  explicit PosixFileSystem(const std::string& rootDirectory, PathWalk walk = PathWalk::Automatic);
+  ~PosixFileSystem() override;
+
+  std::shared_ptr<Directory> OpenRoot() override;
+
+ private:
+  std::shared_ptr<posix::Tree> m_tree;
+  std::shared_ptr<Directory> m_root;
+};
+
+}  // namespace nfslib::hosts

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cerrno>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace nfslib::hosts::posix {
+
+// An open file descriptor, closed with this object.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int fd) : m_fd(fd) {}
+  Descriptor(Descriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(m_fd, other.m_fd);
+    return *this;
+  }
+  ~Descriptor();
+
+  int get() const { return m_fd; }
+  explicit operator bool() const { return m_fd >= 0; }
+
+ private:
+  int m_fd = -1;
+};
+
+// Calls `systemCall` again for as long as a signal interrupts it.
+template <class SystemCall>
+auto retried(SystemCall systemCall) {
+  auto result = systemCall();
+  while (result < 0 && errno == EINTR) result = systemCall();
+  return result;
+}
+
+// Throws for the errno value `error`: "Cannot " + `what` + ": " + the cause. Lack of space, quotas
+// included, is an OutOfSpaceNfsException.
+[[noreturn]] void fail(int error, const std::string& what);
+
+// `name` or `path` the way messages show it.
+std::string quoted(std::string_view text);
+
+// The name under which /proc has the object that `fd` has open, whatever its names are. It works
+// for descriptors that were opened with O_PATH, too.
+std::string procName(int fd);
+
+}  // namespace nfslib::hosts::posix

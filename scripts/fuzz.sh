@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Runs every fuzz target for a while, from the committed corpus.
+#
+#   scripts/fuzz.sh [SECONDS] [TARGET...]       SECONDS for each target, 60 unless given
+#
+# New inputs are kept in build/fuzz-corpus, from where later runs go on. An input that breaks
+# something is left in build/fuzz-findings, with the command that repeats it.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+seconds=${1:-60}
+shift || true
+if command -v ccache >/dev/null; then export CMAKE_CXX_COMPILER_LAUNCHER=ccache; fi
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -j "$(nproc)"
+
+if [ $# -eq 0 ]; then
+  for source in fuzz/*_fuzz.cpp; do set -- "$@" "$(basename "$source" _fuzz.cpp)"; done
+fi
+mkdir -p build/fuzz-findings
+passed=0 failed=0
+for target in "$@"; do
+  mkdir -p "build/fuzz-corpus/$target"
+  log=build/fuzz-findings/$target.log
+  # A leak is found by the same run; a slow input is a finding as well.
+  if build/fuzz/bin/"${target}_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+    -max_len=8192 -artifact_prefix="build/fuzz-findings/$target-" \
+    "build/fuzz-corpus/$target" "fuzz/corpus/$target" >"$log" 2>&1; then
+    passed=$((passed + 1))
+    echo "$target: $(grep -o 'Done .*' "$log"), $(find "build/fuzz-corpus/$target" -type f | wc -l) inputs"
+  else
+    failed=$((failed + 1))
+    tail -n 40 "$log"
+    echo "$target: FAILED; repeat with build/fuzz/bin/${target}_fuzz build/fuzz-findings/$target-..."
+  fi
+done
+echo "fuzzing: $passed passed, $failed failed"
+[ $failed -eq 0 ]

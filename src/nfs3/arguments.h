@@ -1,0 +1,46 @@
+#pragma once
+
+#include <nfslib/nfs_path.h>
+
+#include "common/memory_stream.h"
+#include "common/nfs_handle.h"
+#include "fs/nfs_file_system.h"
+#include "server/nfs_service.h"
+
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace nfslib::nfs3 {
+
+// diropargs3, RFC 1813 section 2.6
+struct DirOpArgs {
+  NfsHandle dir;
+  std::string name;
+};
+
+// What the procedures share to decode their arguments and to find the object that is meant. The
+// failures thrown as nfs::NfsOperationError are answered with their status and nothing else, so
+// everything here is called before a result is written.
+namespace procedures::utility {
+
+using ViewAndPath = std::pair<std::shared_ptr<NfsFileSystem>, NfsPath>;
+
+// A handle of another start of the server throws InvalidFileHandle. So does one that could not be
+// decoded: it stays zero, and no start of the server is that old.
+NfsHandle readHandle(MemoryStream& stream, const NfsService& service);
+DirOpArgs readDirOpArgs(MemoryStream& stream, const NfsService& service);
+
+// To be called behind the last argument and before any of them is used: throws std::runtime_error,
+// which ends the call as garbage, when the input was too short for them.
+void checkDecoded(const MemoryStream& stream);
+
+// The export and the path that the handle names. InvalidFileHandle when no object is known by it,
+// std::runtime_error when there is no such export.
+ViewAndPath getPath(const NfsHandle& handle, const NfsService& service);
+// The same for a name in a directory; the path is the entry's. NoEntry when there is no such entry.
+ViewAndPath getPath(const DirOpArgs& args, const NfsService& service);
+
+}  // namespace procedures::utility
+
+}  // namespace nfslib::nfs3

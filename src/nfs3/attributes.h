@@ -1,0 +1,69 @@
+#pragma once
+
+#include <nfslib/metadata.h>
+
+#include "common/memory_stream.h"
+#include "common/nfs_handle.h"
+
+#include <cstdint>
+
+namespace nfslib::nfs3 {
+
+// The attributes of one object, RFC 1813 section 2.6. Fields in wire order; what is not a field
+// here (rdev, nanoseconds) is zero on the wire.
+struct fattr3 {
+  std::uint32_t type = 0;  // ftype3
+  std::uint32_t mode = 0;
+  std::uint32_t linkCount = 0;  // nlink
+  std::uint32_t uid = 0;
+  std::uint32_t gid = 0;
+  std::uint64_t size = 0;
+  std::uint64_t used = 0;
+  std::uint64_t fileSystemId = 0;  // fsid
+  std::uint64_t fileId = 0;
+  std::uint32_t accessTime = 0;  // atime, seconds
+  std::uint32_t modifyTime = 0;  // mtime, seconds
+  std::uint32_t changeTime = 0;  // ctime, seconds
+};
+
+// post_op_attr. The attributes are always at hand, so they always follow.
+struct PostOpAttr {
+  fattr3 attributes;
+};
+
+// pre_op_attr: what of the attributes before a change tells a client whether others changed the
+// object too.
+struct PreOpAttr {
+  std::uint64_t size = 0;
+  std::uint32_t modifyTime = 0;  // seconds
+  std::uint32_t changeTime = 0;  // seconds
+
+  explicit PreOpAttr(const fattr3& before)
+      : size(before.size), modifyTime(before.modifyTime), changeTime(before.changeTime) {}
+};
+
+// wcc_data
+struct WccData {
+  PreOpAttr before;
+  PostOpAttr after;
+};
+
+// post_op_fh3
+struct PostOpHandle {
+  NfsHandle handle;
+};
+
+MemoryStream& operator<<(MemoryStream& out, const fattr3& value);
+MemoryStream& operator<<(MemoryStream& out, const PostOpAttr& value);
+MemoryStream& operator<<(MemoryStream& out, const PreOpAttr& value);
+MemoryStream& operator<<(MemoryStream& out, const WccData& value);
+MemoryStream& operator<<(MemoryStream& out, const PostOpHandle& value);
+
+namespace procedures::utility {
+
+// What `md` says of the object that `handle` names; the identities come from the handle.
+fattr3 getAttributes(const NfsHandle& handle, const MetaData& md);
+
+}  // namespace procedures::utility
+
+}  // namespace nfslib::nfs3

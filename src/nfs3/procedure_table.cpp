@@ -1,0 +1,48 @@
+#include "nfs3/procedure_table.h"
+
+#include "nfs3/procedures.h"
+
+#include <algorithm>
+#include <array>
+#include <functional>
+
+namespace nfslib::nfs3 {
+
+namespace {
+
+using namespace procedures;
+
+template <class Handler>
+void plain(const Call& call) {
+  Handler::execute(call.stream, call.service);
+}
+
+constexpr std::array kProcedures{
+    Procedure{0, "NULL", [](const Call&) {}},
+    Procedure{1, "GETATTR", plain<CGetAttributes>},
+    Procedure{3, "LOOKUP", plain<CLookupObject>},
+    Procedure{4, "ACCESS",
+              [](const Call& call) {
+                CCheckAccess::execute(call.stream, call.service, call.caller, call.writeEnabled);
+              }},
+    Procedure{5, "READLINK", plain<CReadLink>},
+    Procedure{6, "READ", plain<CReadFile>},
+    Procedure{16, "READDIR", plain<CReadDirectory>},
+    Procedure{17, "READDIRPLUS",
+              [](const Call& call) { CReadDirectory::executeExtended(call.stream, call.service); }},
+    Procedure{18, "FSSTAT", plain<CGetDynamicFsInfo>},
+    Procedure{19, "FSINFO", plain<CGetStaticFsInfo>},
+    Procedure{20, "PATHCONF", plain<CGetPathConfiguration>},
+};
+static_assert(std::ranges::is_sorted(kProcedures, std::ranges::less_equal{}, &Procedure::number));
+
+}  // namespace
+
+std::span<const Procedure> procedureTable() { return kProcedures; }
+
+const Procedure* findProcedure(unsigned number) {
+  const auto row = std::ranges::lower_bound(kProcedures, number, {}, &Procedure::number);
+  return row != kProcedures.end() && row->number == number ? &*row : nullptr;
+}
+
+}  // namespace nfslib::nfs3

@@ -1,0 +1,89 @@
+#pragma once
+
+#include <nfslib/directory_iterator.h>
+#include <nfslib/file_system.h>
+
+#include "common/credential.h"
+#include "common/memory_stream.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace nfslib {
+class NfsFileSystem;
+class NfsService;
+}  // namespace nfslib
+
+// The procedures of NFS version 3. Each decodes its arguments from the stream and writes its whole
+// result, status first. They keep no state and may run in many threads at once.
+//
+// None of them catches what a missing object or a failing host throws: the program turns it into
+// the reply that is due.
+
+namespace nfslib::nfs3::procedures {
+
+// GETATTR (1), RFC 1813 section 3.3.1
+struct CGetAttributes {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// LOOKUP (3), section 3.3.3
+struct CLookupObject {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// ACCESS (4), section 3.3.4. Rights that lead to a change are granted on writable exports only.
+struct CCheckAccess {
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller,
+                      bool writeEnabled);
+};
+
+// READLINK (5), section 3.3.5
+struct CReadLink {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// READ (6), section 3.3.6
+struct CReadFile {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// READDIR (16), section 3.3.16, and READDIRPLUS (17), section 3.3.17. A cookie is the ordinal of
+// its entry in the host's enumeration, from 1.
+class CReadDirectory {
+ public:
+  static void execute(MemoryStream& stream, NfsService& service);
+  static void executeExtended(MemoryStream& stream, NfsService& service);
+
+ private:
+  struct Listing;  // one call's directory and where in it to go on
+
+  static Listing readListing(MemoryStream& stream, NfsService& service);
+  template <class WriteExtra>
+  static void list(MemoryStream& stream, const Listing& listing, unsigned limit, unsigned extraSize,
+                   const WriteExtra& writeExtra);
+  // At the entry behind the one with the listing's cookie; at the end when there are fewer entries.
+  static DirectoryIterator getDirectoryIterator(const Listing& listing,
+                                                const std::shared_ptr<Directory>& dir);
+  // Keeps the position behind the entry `cookie`, the last one sent, for the call that goes on
+  // there.
+  static void cacheIterator(const Listing& listing, const std::shared_ptr<Directory>& dir,
+                            DirectoryIterator it, std::uint64_t cookie);
+};
+
+// FSSTAT (18), section 3.3.18
+struct CGetDynamicFsInfo {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// FSINFO (19), section 3.3.19
+struct CGetStaticFsInfo {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// PATHCONF (20), section 3.3.20
+struct CGetPathConfiguration {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+}  // namespace nfslib::nfs3::procedures

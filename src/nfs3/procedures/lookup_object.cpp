@@ -1,0 +1,25 @@
+#include "common/log.h"
+#include "common/xdr_records.h"
+#include "nfs3/arguments.h"
+#include "nfs3/attributes.h"
+#include "nfs3/procedures.h"
+
+namespace nfslib::nfs3::procedures {
+
+using nfs::OperationResult;
+
+void CLookupObject::execute(MemoryStream& stream, NfsService& service) {
+  const DirOpArgs args = utility::readDirOpArgs(stream, service);
+  utility::checkDecoded(stream);
+  const auto [view, path] = utility::getPath(args, service);
+  const MetaData md = view->getMetaData(path);
+  log().dbg("lookupObject: path [%1]", path);
+
+  const NfsHandle handle = view->getHandle(args.dir, path, md);
+  const MetaData dirMd = view->getMetaData(path.getParentPath());
+
+  stream << OperationResult::OK << handle << PostOpAttr{utility::getAttributes(handle, md)}
+         << PostOpAttr{utility::getAttributes(args.dir, dirMd)};
+}
+
+}  // namespace nfslib::nfs3::procedures

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Runs the end-to-end tests against a built tool, on a loopback network of their own.
+#
+#   tests/e2e/run.sh [TEST...]        for example: tests/e2e/run.sh udp_test capture_test.Capture
+#
+# The environment says what is tested: NFSLIB_TOOL and NFSLIB_COMPARE (programs; the release tool and
+# the clang build's libnfs_compare unless given), NFSLIB_PATIENCE (a factor for all deadlines),
+# NFSLIB_BIG_FILE_MIB. Tests that lack a program or a privilege are skipped and say why.
+set -euo pipefail
+cd "$(dirname "$0")"
+export PYTHONDONTWRITEBYTECODE=1
+
+# The kernel is fetched here, where there is a network; the test says what was wrong.
+./vm.sh --prepare 2>/dev/null || true
+
+# rpcbind keeps its socket in /run: it gets a /run of its own, out of reach of the machine's.
+private='if unshare --mount true 2>/dev/null; then
+  export NFSLIB_PRIVATE_RUN=1
+  exec unshare --mount -- sh -c '\''mount -t tmpfs tmpfs /run && exec "$@"'\'' sh "$@"
+fi
+exec "$@"'
+if [ $# -gt 0 ]; then tests=("$@"); else tests=(discover -p '*_test.py'); fi
+exec ../support/private_network.sh sh -c "$private" sh python3 -m unittest -v "${tests[@]}"

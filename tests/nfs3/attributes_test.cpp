@@ -1,0 +1,56 @@
+#include "nfs3/attributes.h"
+
+#include "support/stream_call.h"
+
+#include <gtest/gtest.h>
+
+namespace nfslib::testing {
+namespace {
+
+using namespace nfs3;
+
+// Every field has a value of its own, so that none can stand in another's place.
+const NfsHandle kHandle{0x11111111, 0x000000AA, 0x2222222233333333};
+
+fattr3 sample() {
+  MetaData md;
+  md.type = 2;
+  md.mode = 07755;
+  md.linkCount = 5;
+  md.uid = 1000;
+  md.gid = 100;
+  md.size = 0x123456789A;
+  md.fileId = 0x7777;  // the handle's object id is what is sent
+  md.accessTime = 0x60000001;
+  md.modifyTime = 0x60000002;
+  md.changeTime = 0x60000003;
+  return procedures::utility::getAttributes(kHandle, md);
+}
+
+constexpr const char* kSampleWords =
+    "00000002 00000fed 00000005 000003e8 00000064 "           // type, mode, nlink, uid, gid
+    "00000012 3456789a 00000012 3456789a "                    // size, used
+    "00000000 00000000 "                                      // rdev
+    "00000000 000000aa 22222222 33333333 "                    // fsid, fileid
+    "60000001 00000000 60000002 00000000 60000003 00000000";  // atime, mtime, ctime
+
+TEST(Attributes, AreTwentyOneWords) { EXPECT_EQ(wire(sample()), kSampleWords); }
+
+TEST(Attributes, OptionalOnesAlwaysFollow) {
+  EXPECT_EQ(wire(PostOpAttr{sample()}), std::string("00000001 ") + kSampleWords);
+}
+
+TEST(Attributes, BeforeAChangeAreSizeAndTwoTimes) {
+  EXPECT_EQ(wire(WccData{PreOpAttr(sample()), PostOpAttr{sample()}}),
+            std::string("00000001 00000012 3456789a 60000002 00000000 60000003 00000000 "
+                        "00000001 ") +
+                kSampleWords);
+}
+
+TEST(Attributes, OptionalHandleAlwaysFollows) {
+  // The fields of a handle stand as they do in memory, that is on a little-endian processor.
+  EXPECT_EQ(wire(PostOpHandle{kHandle}), "00000001 00000010 11111111 aa000000 33333333 22222222");
+}
+
+}  // namespace
+}  // namespace nfslib::testing

@@ -1,0 +1,137 @@
+#include "server/nfs_service.h"
+
+#include "fs/nfs_file_system.h"
+#include "support/counting_tree.h"
+#include "support/recorded_log.h"
+
+#include <ctime>
+#include <future>
+#include <stdexcept>
+
+#include <gmock/gmock.h>
+
+namespace nfslib::testing {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::UnorderedElementsAre;
+using std::chrono_literals::operator""ms;
+using std::chrono_literals::operator""s;
+
+template <class Call>
+std::string failureOf(Call call) {
+  try {
+    call();
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  return "no failure";
+}
+
+class NfsServiceTest : public ::testing::Test {
+ protected:
+  bool add(const NfsPath& path) { return service.exportFileSystem(path, tree, {}); }
+
+  const NfsPath a{"/a"};
+  const NfsPath b{"/b"};
+  CountingTree tree{{"/d", "/d/e"}};
+  NfsService service;
+  RecordedLog log;
+};
+
+TEST_F(NfsServiceTest, NumbersExportsAndNeverAgainTheSame) {
+  EXPECT_TRUE(add(a));
+  EXPECT_FALSE(add(b));
+  EXPECT_EQ(failureOf([&] { add(b); }), "NFS file system [/b] is already exported.");
+  EXPECT_EQ(service.getFileSystem(a).first, 1U);
+  EXPECT_EQ(service.getFileSystem(b).first, 2U);
+  EXPECT_NE(service.getFileSystem(a).second, service.getFileSystem(b).second);
+  EXPECT_THAT(service.getExportPaths(), UnorderedElementsAre(a, b));
+  EXPECT_FALSE(service.removeExport(a));
+  EXPECT_TRUE(service.removeExport(b));
+  EXPECT_TRUE(add(a));
+  EXPECT_EQ(service.getFileSystem(a).first, 3U);  // the refused one took none
+  service.clearExports();
+  EXPECT_THAT(service.getExportPaths(), IsEmpty());
+  EXPECT_TRUE(add(a));
+  EXPECT_EQ(service.getFileSystem(a).first, 4U);
+}
+
+TEST_F(NfsServiceTest, SaysWhatItDoes) {
+  add(a);
+  EXPECT_THAT(log.takeLines(), ElementsAre("info Exporting NFS file system [/a].",
+                                           "info This is the first NFS export."));
+  add(b);
+  EXPECT_THAT(log.takeLines(), ElementsAre("info Exporting NFS file system [/b]."));
+  service.removeExport(a);
+  EXPECT_EQ(log.takeLines().front(), "info Removing exported NFS file system [/a].");
+  service.removeExport(b);
+  const auto lines = log.takeLines();
+  EXPECT_EQ(lines.at(1), "info This was the last NFS export.");
+}
+
+TEST_F(NfsServiceTest, UnknownExportsAreNamedInTheFailure) {
+  EXPECT_EQ(failureOf([&] { service.removeExport(a); }), "NFS file system [/a] is not exported.");
+  EXPECT_EQ(failureOf([&] { service.getFileSystem(a); }), "NFS export path [/a] is invalid.");
+  EXPECT_EQ(failureOf([&] { service.getHandle(a); }), "NFS export path [/a] is invalid.");
+  EXPECT_EQ(failureOf([&] {
+              service.getFileSystem(NfsHandle{5, 2, 4294967296});
+            }),
+            "NFS handle [5:2:4294967296] is invalid.");
+}
+
+TEST_F(NfsServiceTest, AHandleLeadsBackToItsExport) {
+  add(a);
+  add(b);
+  const NfsHandle root = service.getHandle(b);
+  EXPECT_EQ(root, (NfsHandle{service.getGeneration(), 2, 1}));
+  const auto [number, view] = service.getFileSystem(root);
+  EXPECT_EQ(number, 2U);
+  EXPECT_EQ(view, service.getFileSystem(b).second);
+  EXPECT_EQ(view->getPath(root), NfsPath("/"));
+
+  service.removeExport(b);
+  EXPECT_FALSE(service.isStaleHandle(root));
+  EXPECT_THROW(service.getFileSystem(root), std::runtime_error);
+  tree.onCall = [](const std::string&) { throw INfsException("gone"); };
+  EXPECT_THROW(service.getHandle(a), std::runtime_error);
+}
+
+TEST_F(NfsServiceTest, HandlesOfAnotherStartAreStale) {
+  const std::uint32_t now = service.getGeneration();
+  EXPECT_LE(static_cast<std::uint32_t>(std::time(nullptr)) - now, 60U);
+  EXPECT_FALSE(service.isStaleHandle({now, 77, 88}));
+  EXPECT_THAT(log.takeLines(), IsEmpty());
+  EXPECT_TRUE(service.isStaleHandle({now + 1, 1, 1}));
+  log.takeLines();
+  EXPECT_TRUE(service.isStaleHandle({0, 1, 2}));
+  EXPECT_THAT(log.takeLines(),
+              ElementsAre("warn Stale NFS handle [0:1:2]. Handle generation: [0]. File system "
+                          "generation: [" +
+                          std::to_string(now) + "]."));
+}
+
+TEST_F(NfsServiceTest, WaitsForTheRequestsThatUseAWithdrawnView) {
+  add(a);
+  add(b);
+  EXPECT_TRUE(service.waitForViews(0ms));
+  auto view = service.getFileSystem(a).second;
+  service.removeExport(a);
+  EXPECT_FALSE(service.waitForViews(1ms));
+  auto waiting = std::async(std::launch::async, [&] { return service.waitForViews(20s); });
+  view.reset();
+  EXPECT_TRUE(waiting.get());
+
+  // A view that outlives the service is still good.
+  std::shared_ptr<NfsFileSystem> survivor;
+  {
+    NfsService other;
+    other.exportFileSystem(a, tree, {});
+    survivor = other.getFileSystem(a).second;
+  }
+  EXPECT_TRUE(survivor->pathExists(NfsPath("/d")));
+}
+
+}  // namespace
+}  // namespace nfslib::testing
