@@ -17,7 +17,7 @@ namespace nfslib::hosts::posix {
 //
 // It is opened for reading alone until somebody writes: a file that is open for writing cannot be
 // executed on this machine, and one that is being executed cannot be opened for writing.
-class PosixFile : public File {
+class PosixFile : public File, public IDescriptorFile {
  public:
   enum class Access { None, Read, ReadWrite };
 
@@ -30,6 +30,8 @@ class PosixFile : public File {
   unsigned long Write(unsigned long offset, const void* data, unsigned long length) override;
   MetaData GetMetaData() const override;
   void SetMetaData(const MetaData& md) override;
+  int ReadDescriptor() const noexcept override { return m_descriptorFailed ? -1 : int{m_readFd}; }
+  void DescriptorFailed() noexcept override { m_descriptorFailed = true; }
 
   const std::shared_ptr<Tree>& tree() const { return m_tree; }
   // A descriptor of the file, good for as long as this object lives.
@@ -52,6 +54,7 @@ class PosixFile : public File {
   Descriptor m_openedForWriting;    // under m_writeLock; set once
   std::atomic<int> m_readFd = -1;   // -1: the file may not be read
   std::atomic<int> m_writeFd = -1;  // -1: not open for writing so far
+  std::atomic<bool> m_descriptorFailed = false;
 };
 
 }  // namespace nfslib::hosts::posix

@@ -59,6 +59,21 @@ class NFSLIB_EXPORT File {
   virtual ~File();
 };
 
+/// Optional: a `File` whose bytes lie in a file of the system may derive from this class as well.
+/// Large reads are then sent from the descriptor without passing through a buffer, where the
+/// transport can.
+class NFSLIB_EXPORT IDescriptorFile {
+ public:
+  /// An open descriptor that yields what `File::Read` would, at the same offsets; -1 when there is
+  /// none at the moment. It stays the file's own, open as long as the file lives; its position is
+  /// not used.
+  virtual int ReadDescriptor() const noexcept = 0;
+  /// Bytes could not be had from the descriptor. From now on there is none, and `File::Read` tells
+  /// why.
+  virtual void DescriptorFailed() noexcept = 0;
+  virtual ~IDescriptorFile();
+};
+
 /// One symbolic link.
 class NFSLIB_EXPORT Symlink {
  public:

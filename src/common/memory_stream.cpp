@@ -1,6 +1,9 @@
 #include "common/memory_stream.h"
 
+#include <nfslib/file_system.h>
+
 #include <atomic>
+#include <utility>
 
 namespace nfslib {
 
@@ -84,13 +87,30 @@ MemoryStream& MemoryStream::operator>>(std::vector<unsigned int>& value) {
   return *this;
 }
 
-memory::mutable_buffer MemoryStream::writeZeros(unsigned n) {
+memory::mutable_buffer MemoryStream::makeRoom(unsigned n) {
   n = std::min(n, kAreaSize - m_outputPosition);
   const memory::mutable_buffer room(output() + m_outputPosition, n);
-  memory::zero(room);
   m_outputPosition += n;
   m_outputSize = std::max(m_outputSize, m_outputPosition);
   return room;
+}
+
+memory::mutable_buffer MemoryStream::writeZeros(unsigned n) {
+  const memory::mutable_buffer room = makeRoom(n);
+  memory::zero(room);
+  return room;
+}
+
+void MemoryStream::writeFromFile(std::shared_ptr<IDescriptorFile> file, std::uint64_t offset,
+                                 unsigned length) {
+  const unsigned position = m_outputPosition;
+  const auto room = static_cast<unsigned>(makeRoom(length).size());
+  m_file = {std::move(file), offset, position, room};
+}
+
+void MemoryStream::truncateOutput() {
+  m_outputSize = std::min(m_outputSize, m_outputPosition);
+  if (m_file && m_file->position + m_file->length > m_outputSize) m_file.reset();
 }
 
 void MemoryStream::writeOpaqueTail(unsigned length) { writeZeros(padding(length)); }

@@ -8,11 +8,24 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace nfslib {
+
+class IDescriptorFile;
+
+// Bytes of a reply that are sent from a file: they keep their place in the output area, which the
+// transport fills, or passes over.
+struct OutputFromFile {
+  std::shared_ptr<IDescriptorFile> file;
+  std::uint64_t offset = 0;  // in the file
+  unsigned position = 0;     // in the output
+  unsigned length = 0;
+};
 
 enum class SeekOrigin { Begin = 0, End = 1, Current = 2 };
 
@@ -73,6 +86,12 @@ class MemoryStream {
   // to the end of the area. For bodies that are produced in place.
   memory::mutable_buffer writeZeros(unsigned n);
   void writeOpaqueTail(unsigned length);
+  // The same room, filled by the transport from a file. Only where the transport takes files, and
+  // one a reply: see takesFile.
+  void writeFromFile(std::shared_ptr<IDescriptorFile> file, std::uint64_t offset, unsigned length);
+  bool takesFile() const { return m_filesAllowed && !m_file; }
+  void allowFiles() { m_filesAllowed = true; }
+  std::optional<OutputFromFile>& fileInOutput() { return m_file; }
 
   MemoryStream& operator<<(const unsigned int& value) { return writeInteger(value); }
   MemoryStream& operator<<(const unsigned long& value) { return writeInteger(value); }
@@ -86,6 +105,7 @@ class MemoryStream {
   // Appends the other stream's whole output as it is, with no length.
   MemoryStream& operator<<(const MemoryStream& other);
 
+  memory::mutable_buffer outputArea() { return {output(), m_outputSize}; }
   memory::const_buffer getOutputBuffer() const { return {output(), m_outputSize}; }
   unsigned getOutputDataSize() const { return m_outputSize; }
   unsigned getOutputPosition() const { return m_outputPosition; }
@@ -93,8 +113,11 @@ class MemoryStream {
   // bytes.
   void seekOutput(unsigned offset, SeekOrigin origin);
   // Cuts the output at the position.
-  void truncateOutput() { m_outputSize = std::min(m_outputSize, m_outputPosition); }
-  void clearOutput() { m_outputPosition = m_outputSize = 0; }
+  void truncateOutput();
+  void clearOutput() {
+    m_outputPosition = m_outputSize = 0;
+    m_file.reset();
+  }
 
   // The longest reply that the transport can carry; the whole area unless limited (a datagram is
   // shorter). Not enforced here: procedures shape their replies by outputSpace().
@@ -116,6 +139,9 @@ class MemoryStream {
  private:
   static constexpr unsigned kAreaSize = 1'048'576;
   static constexpr unsigned padding(unsigned length) { return (4 - length % 4) % 4; }
+
+  // Moves behind up to `n` bytes of output, which stay as they are.
+  memory::mutable_buffer makeRoom(unsigned n);
 
   std::byte* input() const { return m_areas.data(); }
   std::byte* output() const { return m_areas.data() + kAreaSize; }
@@ -149,6 +175,8 @@ class MemoryStream {
   unsigned m_outputPosition = 0;
   unsigned m_outputSize = 0;
   unsigned m_outputLimit = kAreaSize;
+  bool m_filesAllowed = false;
+  std::optional<OutputFromFile> m_file;
   std::uint64_t m_id;
 };
 

@@ -1,6 +1,9 @@
 #include "network/tcp_connection_handler.h"
 
+#include <nfslib/file_system.h>
+
 #include "common/log.h"
+#include "network/send_file.h"
 #include "network/stop_flag.h"
 #include "rpc/rpc_request_processor.h"
 
@@ -12,6 +15,7 @@
 
 #include <sys/socket.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 namespace nfslib::network {
 
@@ -42,7 +46,9 @@ TcpConnectionHandler::TcpConnectionHandler(SocketDescriptor socket,
                                            const sockaddr_in& peer)
     : ConnectionHandler(processor, peer),
       m_socket(std::move(socket)),
-      m_received(std::in_place, m_socket) {}
+      m_received(std::in_place, m_socket) {
+  prepareStream(*m_stream);
+}
 
 void TcpConnectionHandler::processRequests(const bool& stop) {
   try {
@@ -125,6 +131,11 @@ bool TcpConnectionHandler::moreCallsAtHand() const {
 }
 
 void TcpConnectionHandler::flush() {
+  if (auto& part = m_stream->fileInOutput()) {
+    sendReplyWithFile(*part);
+    m_stream->clearOutput();
+    return;
+  }
   const memory::const_buffer reply = m_stream->getOutputBuffer();
   const bool keepBack = reply.size() <= kSmallReply &&
                         m_replies.size() + reply.size() <= kKeptReplies && moreCallsAtHand();
@@ -137,8 +148,7 @@ void TcpConnectionHandler::flush() {
   m_stream->clearOutput();
 }
 
-// Sends what was kept back and then `last`, all of it.
-void TcpConnectionHandler::sendReplies(memory::const_buffer last) {
+void TcpConnectionHandler::sendReplies(memory::const_buffer last, int flags) {
   memory::const_buffer kept(m_replies.data(), m_replies.size());
   try {
     while (kept || last) {
@@ -147,7 +157,7 @@ void TcpConnectionHandler::sendReplies(memory::const_buffer last) {
       msghdr header{};
       header.msg_iov = parts.data();
       header.msg_iovlen = parts.size();
-      const ssize_t sent = sendmsg(m_socket, &header, MSG_NOSIGNAL);
+      const ssize_t sent = sendmsg(m_socket, &header, MSG_NOSIGNAL | flags);
       if (sent < 0 && errno == EINTR) continue;
       if (sent < 0) {
         throw std::runtime_error(
@@ -162,6 +172,38 @@ void TcpConnectionHandler::sendReplies(memory::const_buffer last) {
     m_replies.clear();
     throw std::runtime_error(message("Failed to flush data. Exception: [%1]", e.what()));
   }
+}
+
+void TcpConnectionHandler::sendReplyWithFile(OutputFromFile& part) {
+  const memory::mutable_buffer reply = m_stream->outputArea();
+  sendReplies({reply.data(), part.position}, MSG_MORE);
+  const int file = part.file->ReadDescriptor();
+  std::uint64_t offset = part.offset;
+  memory::mutable_buffer rest(reply[part.position], part.length);
+  while (rest) {
+    const ssize_t sent = sendFile(m_socket, file, offset, rest.size());
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent <= 0) break;
+    offset += static_cast<std::uint64_t>(sent);
+    rest += static_cast<std::size_t>(sent);
+  }
+  // What did not go by itself is read. A file that became shorter meanwhile is zeros from there on.
+  memory::zero(rest);
+  for (memory::mutable_buffer missing = rest; missing;) {
+    const ssize_t read = pread(file, missing.data(), missing.size(), static_cast<off_t>(offset));
+    if (read < 0 && errno == EINTR) continue;
+    if (read < 0) {
+      // The head of the reply is gone already. On the next try the file tells what is wrong.
+      const int error = errno;
+      part.file->DescriptorFailed();
+      throw std::runtime_error(
+          message("Failed to send data. Error: [%1]", utility::getErrnoDescription(error)));
+    }
+    if (read == 0) break;
+    offset += static_cast<std::uint64_t>(read);
+    missing += static_cast<std::size_t>(read);
+  }
+  sendReplies({rest.data(), static_cast<std::size_t>(reply.end() - rest.data())});
 }
 
 void TcpConnectionHandler::dispose() {

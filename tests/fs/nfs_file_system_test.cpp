@@ -218,6 +218,9 @@ TEST_F(NfsFileSystemTest, RemovesFilesAndEmptyDirectories) {
   view.openDirectory(NfsPath("/a"));
   view.remove("f", NfsPath("/a"));
   EXPECT_FALSE(tree.has("/a/f"));
+  tree.takeCalls();
+  view.openDirectory(NfsPath("/a"));  // forgotten too: the object may know its old entries
+  EXPECT_THAT(tree.takeCalls(), Contains("OpenSubdir /a"));
   EXPECT_FALSE(view.pathExists(NfsPath("/a/f")));
   EXPECT_THROW(view.openFile(NfsPath("/a/f")), INfsException);
 

@@ -1,5 +1,7 @@
 // Files: content, attributes, links, and what is left of a file without a name.
 
+#include <nfslib/exception.h>
+
 #include "hosts/host_conformance.h"
 
 #include <gmock/gmock.h>
@@ -220,6 +222,16 @@ TEST_P(HostConformance, SymbolicLinksAreTextAndNeverFollowed) {
     EXPECT_EQ(link->GetTarget(), text);
     EXPECT_EQ(link->GetMetaData().size, text.size());
     root->RemoveFile("link");
+  }
+  // What a host cannot store as it is, it refuses.
+  for (const std::string& text : {std::string(), std::string("cut\0here", 8)}) {
+    try {
+      root->CreateSymlink("link", text);
+      EXPECT_EQ(root->OpenSymlink("link")->GetTarget(), text);
+      root->RemoveFile("link");
+    } catch (const INfsException&) {
+      EXPECT_FALSE(root->TryGetEntryByName("link"));
+    }
   }
   root->CreateSymlink("toFile", "file");
   root->CreateSymlink("toDir", "dir");

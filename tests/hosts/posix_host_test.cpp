@@ -8,6 +8,8 @@
 #include "posix/posix_file_system.h"
 #include "posix/system.h"
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -101,6 +103,27 @@ void unprivileged(const std::function<void()>& work) {
   }).join();
 }
 
+// While this lives, the system refuses to make any file larger than `bytes`.
+class LargestFile {
+ public:
+  explicit LargestFile(rlim_t bytes) : m_handler(std::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &m_before);
+    rlimit small = m_before;
+    small.rlim_cur = bytes;
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+  }
+  LargestFile(const LargestFile&) = delete;
+  LargestFile& operator=(const LargestFile&) = delete;
+  ~LargestFile() {
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &m_before), 0);
+    std::signal(SIGXFSZ, m_handler);
+  }
+
+ private:
+  rlimit m_before{};
+  void (*m_handler)(int);
+};
+
 }  // namespace
 
 namespace conformance {
@@ -154,6 +177,32 @@ TEST_P(PosixHostTest, SymbolicLinksLeadNowhere) {
   EXPECT_NE(status.st_mtime, 1);
 }
 
+TEST_P(PosixHostTest, AFileThatBecomesALinkWhileItIsOpenedIsNotFollowed) {
+  std::atomic<bool> stop = false;
+  writeFile(inside / "name", "text");
+  std::thread swapper([&] {
+    while (!stop) {
+      fs::create_symlink(outside / "secret", inside / "link");
+      fs::rename(inside / "link", inside / "name");
+      writeFile(inside / "file", "text");
+      fs::rename(inside / "file", inside / "name");
+    }
+  });
+  int opened = 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  for (int i = 0; (i < 2000 || opened < 50) && std::chrono::steady_clock::now() < deadline; ++i) {
+    try {
+      EXPECT_EQ(contentOf(*root->OpenFile("name")), "text");
+      ++opened;
+    } catch (const INfsException&) {
+      // It was a link at the time.
+    }
+  }
+  stop = true;
+  swapper.join();
+  EXPECT_GT(opened, 0);
+}
+
 // Somebody on this machine turns a directory that is in use into a link to another place.
 TEST_P(PosixHostTest, ADirectoryThatBecomesALinkIsNotFollowed) {
   const auto top = root->CreateSubdir("top");
@@ -204,6 +253,11 @@ TEST_P(PosixHostTest, ChangesByOthersAreSeen) {
   const auto successor = root->CreateSubdir("dir");
   expectRefused([&] { dir->CreateFile("late"); }, "was removed");
   successor->CreateFile("new");
+
+  successor->RemoveFile("new");
+  root->RemoveSubdir("dir");
+  fs::create_directory(inside / "dir");
+  expectRefused([&] { successor->CreateFile("late"); }, "was removed");
 
   // Entries that vanish during a pass are left out.
   for (int i = 0; i < 100; ++i) writeFile(inside / ("file " + std::to_string(i)), "");
@@ -297,8 +351,11 @@ TEST_P(PosixHostTest, AttributesChangeTogetherOrNotAtAll) {
   MetaData wanted = before;
   wanted.mode = 0600;
   wanted.accessTime = wanted.modifyTime = 1'000'000'000;
-  wanted.size = INT64_MAX;  // no file system of this machine has room for that
-  expectRefused([&] { file->SetMetaData(wanted); });
+  wanted.size = 5000;
+  {
+    const LargestFile limit(1000);
+    expectRefused([&] { file->SetMetaData(wanted); });
+  }
   wanted.size = UINT64_MAX;
   expectRefused([&] { file->SetMetaData(wanted); });
   MetaData after = file->GetMetaData();
@@ -310,17 +367,12 @@ TEST_P(PosixHostTest, AttributesChangeTogetherOrNotAtAll) {
 TEST_P(PosixHostTest, AWriteThatFailsHalfwayLeavesTheSize) {
   const auto file = root->CreateFile("file");
   put(*file, "text");
-  // The system writes as much as the limit lets it, then fails the rest.
-  const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
-  rlimit small = before;
-  small.rlim_cur = 1000;
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
   const std::string much(5000, 'x');
-  expectRefused([&] { file->Write(4, much.data(), much.size()); });
-  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
-  std::signal(SIGXFSZ, handler);
+  {
+    // The system writes as much as the limit lets it, then fails the rest.
+    const LargestFile limit(1000);
+    expectRefused([&] { file->Write(4, much.data(), much.size()); });
+  }
   EXPECT_EQ(contentOf(*file), "text");
 }
 

@@ -1,5 +1,7 @@
 #include "network/tcp_server.h"
 
+#include <nfslib/file_system.h>
+
 #include "network/stop_flag.h"
 #include "rpc/portmap_program.h"
 #include "rpc/rpc_server.h"
@@ -8,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -15,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -37,7 +41,28 @@ constexpr unsigned kPortmap = 100000;
 constexpr unsigned kTest = 200000;
 constexpr unsigned kGarbage = 4;
 
-// NULL (0); ECHO (1): sends back an opaque; BLOB (2): a reply of as many bytes as asked; THROW (3).
+// A file of the system with the bytes 0, 1, 2 and so on.
+struct CountingFile : IDescriptorFile {
+  explicit CountingFile(std::size_t size) {
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<std::byte>(i % 251);
+    if (std::fwrite(bytes.data(), 1, size, file) != size || std::fflush(file) != 0) {
+      throw std::runtime_error("cannot write a temporary file");
+    }
+  }
+  ~CountingFile() override { std::fclose(file); }
+  CountingFile(const CountingFile&) = delete;
+  CountingFile& operator=(const CountingFile&) = delete;
+  int ReadDescriptor() const noexcept override { return failed ? -1 : fileno(file); }
+  void DescriptorFailed() noexcept override { failed = true; }
+
+  std::FILE* file = std::tmpfile();
+  std::atomic<bool> failed{false};
+};
+constexpr unsigned kFileSize = 600'000;
+
+// NULL (0); ECHO (1): sends back an opaque; BLOB (2): a reply of as many bytes as asked; THROW (3);
+// FILE (4): a word, as many bytes of the file as asked from an offset, and a word.
 class TestProgram : public rpc::RpcProgram {
  public:
   RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
@@ -53,9 +78,17 @@ class TestProgram : public rpc::RpcProgram {
       stream.writeZeros(size);
     } else if (parameters.procedure == 3) {
       throw std::runtime_error("the host is upset");
+    } else if (parameters.procedure == 4) {
+      unsigned offset = 0, length = 0;
+      stream >> offset >> length;
+      stream << 1U;
+      if (stream.takesFile()) stream.writeFromFile(file, offset, length);
+      stream << 2U;
     }
     return RpcProgramResult::Success;
   }
+
+  const std::shared_ptr<CountingFile> file = std::make_shared<CountingFile>(kFileSize);
 };
 
 class TcpServerTest : public ::testing::Test {
@@ -63,7 +96,9 @@ class TcpServerTest : public ::testing::Test {
   TcpServerTest() {
     processor.allowParallelRequests();
     processor.registerProgram(kPortmap, std::make_unique<portmap::PortMapProgram>());
-    processor.registerProgram(kTest, std::make_unique<TestProgram>());
+    auto program = std::make_unique<TestProgram>();
+    file = program->file;
+    processor.registerProgram(kTest, std::move(program));
     server.emplace(kLoopback, htons(static_cast<std::uint16_t>(port)), processor);
     server->start(stop);
   }
@@ -86,6 +121,7 @@ class TcpServerTest : public ::testing::Test {
   RecordedLog log;
   std::vector<std::string> lines;
   bool stop = false;
+  std::shared_ptr<CountingFile> file;
   rpc::RpcServer processor;
   unsigned port = freePort();
   std::optional<network::TcpServer> server;
@@ -143,6 +179,38 @@ TEST_F(TcpServerTest, SendsLargeRepliesWhole) {
   Bytes big(1'000'000, std::byte{0x5A});
   peer.send(record(nullCall(9, kTest, 1, 1) + wordBytes({1'000'000}) + big));
   EXPECT_EQ(peer.receiveRecord(), accepted(9) + wordBytes({1'000'000}) + big);
+}
+
+TEST_F(TcpServerTest, SendsPartsOfFilesInTheirPlace) {
+  RpcClient peer = client();
+  const auto expected = [](unsigned xid, unsigned offset, unsigned length) {
+    Bytes bytes = accepted(xid) + wordBytes({1});
+    for (unsigned i = offset; i < offset + length; ++i) {
+      bytes.push_back(i < kFileSize ? static_cast<std::byte>(i % 251) : std::byte{0});
+    }
+    return bytes + wordBytes({2});
+  };
+  // In a row with small replies; the last one reaches past the end, which reads as zeros.
+  peer.send(record(nullCall(1, kTest, 1)) +
+            record(nullCall(2, kTest, 1, 4) + wordBytes({7, 400'000})) +
+            record(nullCall(3, kTest, 1)) +
+            record(nullCall(4, kTest, 1, 4) + wordBytes({500'000, 200'000})));
+  EXPECT_EQ(peer.receiveRecord(), accepted(1));
+  EXPECT_EQ(peer.receiveRecord(), expected(2, 7, 400'000));
+  EXPECT_EQ(peer.receiveRecord(), accepted(3));
+  EXPECT_EQ(peer.receiveRecord(), expected(4, 500'000, 200'000));
+
+  // A file that cannot be read after all costs the connection, since the reply has begun, and knows
+  // it.
+  const int readable = dup(file->ReadDescriptor());
+  const int useless = open("/dev/null", O_WRONLY | O_CLOEXEC);
+  dup2(useless, file->ReadDescriptor());
+  peer.send(record(nullCall(5, kTest, 1, 4) + wordBytes({0, 1000})));
+  EXPECT_NE(peer.receiveRecord(), expected(5, 0, 1000));
+  EXPECT_TRUE(logged("Failed to process request. Exception: [Failed to send data."));
+  EXPECT_TRUE(file->failed);
+  close(readable);
+  close(useless);
 }
 
 TEST_F(TcpServerTest, SkipsARecordThatIsTooLong) {
@@ -208,8 +276,10 @@ TEST_F(TcpServerTest, StopsAtOnceWhateverThePeersDo) {
   RpcClient idle = client();
   RpcClient deaf = client();  // asks for megabytes and takes none of them
   RpcClient talker = client();
+  RpcClient deafToo = client();
   for (unsigned xid = 0; xid < 64; ++xid) {
     deaf.send(record(nullCall(xid, kTest, 1, 2) + wordBytes({1'000'000})));
+    deafToo.send(record(nullCall(xid, kTest, 1, 4) + wordBytes({0, kFileSize})));
   }
   std::atomic<bool> done{false};
   std::thread chatter([&] {
