@@ -90,7 +90,7 @@ class MemoryStream {
   // one a reply: see takesFile.
   void writeFromFile(std::shared_ptr<IDescriptorFile> file, std::uint64_t offset, unsigned length);
   bool takesFile() const { return m_filesAllowed && !m_file; }
-  void allowFiles() { m_filesAllowed = true; }
+  void allowFiles(bool allowed) { m_filesAllowed = allowed; }
   std::optional<OutputFromFile>& fileInOutput() { return m_file; }
 
   MemoryStream& operator<<(const unsigned int& value) { return writeInteger(value); }

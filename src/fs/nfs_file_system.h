@@ -31,8 +31,9 @@ namespace nfslib {
 //   1. m_cacheLock   the directory and open-file caches
 //   2. m_handleLock  the handle map; never held together with m_cacheLock
 //   3. the locks inside m_metaData and m_positions
-// A request that asked the host while another one changed the tree does not store its answer: see
-// `m_changes` and MetaDataCache.
+// A request that began to ask the host before another one changed the tree does not store its
+// answer: see `m_changes` and MetaDataCache. One that asks in the midst of a change could, so
+// requests on a writable export run one by one.
 class NfsFileSystem {
  public:
   NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec);

@@ -46,13 +46,15 @@ TcpConnectionHandler::TcpConnectionHandler(SocketDescriptor socket,
                                            const sockaddr_in& peer)
     : ConnectionHandler(processor, peer),
       m_socket(std::move(socket)),
-      m_received(std::in_place, m_socket) {
-  prepareStream(*m_stream);
-}
+      m_received(std::in_place, m_socket) {}
 
 void TcpConnectionHandler::processRequests(const bool& stop) {
   try {
     while (!isSet(stop) && readFragment()) {
+      // Sending from a file saves this thread two copies, at the price of a slower one for the
+      // peer. It pays while the peer waits for this reply; with more calls at hand the peer takes
+      // one reply while the next is made, and what its reading costs decides.
+      m_stream->allowFiles(!anotherRecordAtHand());
       m_processor.TcpRequestReceived(*this);
       renewFailedStream();
     }
@@ -124,7 +126,10 @@ bool TcpConnectionHandler::endOfStream() const {
 
 // Whether another whole call can be answered without receiving anything.
 bool TcpConnectionHandler::moreCallsAtHand() const {
-  if (m_stream->getInputDataSize() != 0) return true;
+  return m_stream->getInputDataSize() != 0 || anotherRecordAtHand();
+}
+
+bool TcpConnectionHandler::anotherRecordAtHand() const {
   const memory::const_buffer bytes = m_received->buffered();
   return bytes.size() >= kMarkSize &&
          bytes.size() - kMarkSize >= (wordAt(bytes.data()) & ~kLastFragment);

@@ -46,11 +46,11 @@ class TcpConnectionHandler final : public ConnectionHandler {
   bool endOfStream() const;
 
   bool moreCallsAtHand() const;
+  bool anotherRecordAtHand() const;
   // Sends what was kept back and then `last`, all of it. `flags` as for sendmsg.
   void sendReplies(memory::const_buffer last, int flags = 0);
   // The same for a reply with a part that comes from a file.
   void sendReplyWithFile(OutputFromFile& part);
-  void prepareStream(MemoryStream& stream) override { stream.allowFiles(); }
 
   std::mutex m_socketLock;  // so that dispose() never meets a descriptor that was just closed
   SocketDescriptor m_socket;

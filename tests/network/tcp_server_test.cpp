@@ -82,13 +82,20 @@ class TestProgram : public rpc::RpcProgram {
       unsigned offset = 0, length = 0;
       stream >> offset >> length;
       stream << 1U;
-      if (stream.takesFile()) stream.writeFromFile(file, offset, length);
+      if (stream.takesFile()) {
+        ++fromFile;
+        stream.writeFromFile(file, offset, length);
+      } else {
+        const auto room = stream.writeZeros(length);
+        EXPECT_GE(pread(file->ReadDescriptor(), room.data(), room.size(), offset), 0);
+      }
       stream << 2U;
     }
     return RpcProgramResult::Success;
   }
 
   const std::shared_ptr<CountingFile> file = std::make_shared<CountingFile>(kFileSize);
+  static inline std::atomic<int> fromFile{0};  // replies that the transport filled
 };
 
 class TcpServerTest : public ::testing::Test {
@@ -190,7 +197,14 @@ TEST_F(TcpServerTest, SendsPartsOfFilesInTheirPlace) {
     }
     return bytes + wordBytes({2});
   };
-  // In a row with small replies; the last one reaches past the end, which reads as zeros.
+  // Alone; the second time past the end, which reads as zeros.
+  TestProgram::fromFile = 0;
+  peer.send(record(nullCall(1, kTest, 1, 4) + wordBytes({7, 400'000})));
+  EXPECT_EQ(peer.receiveRecord(), expected(1, 7, 400'000));
+  peer.send(record(nullCall(1, kTest, 1, 4) + wordBytes({500'001, 200'000})));
+  EXPECT_EQ(peer.receiveRecord(), expected(1, 500'001, 200'000));
+  EXPECT_EQ(TestProgram::fromFile, 2);
+  // In a row with others.
   peer.send(record(nullCall(1, kTest, 1)) +
             record(nullCall(2, kTest, 1, 4) + wordBytes({7, 400'000})) +
             record(nullCall(3, kTest, 1)) +
