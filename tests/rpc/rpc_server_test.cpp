@@ -76,7 +76,7 @@ class RpcServerTest : public ::testing::Test {
     return hex(stream.getOutputBuffer());
   }
 
-  static constexpr unsigned kNfs = 100003, kMount = 100005, kPortmap = 100000;
+  static constexpr unsigned kNfs = 100003, kPortmap = 100000;
   const std::string kAccepted = "0000002a 00000001 00000000 00000000 00000000 ";
   const std::string kSuccess = kAccepted + "00000000 0000cafe";
   const std::string kTooWeak = "0000002a 00000001 00000001 00000001 00000005";

@@ -82,7 +82,7 @@ class ConcurrentClientsTest : public ::testing::TestWithParam<bool> {};
 // map are shared, their replies are not.
 TEST_P(ConcurrentClientsTest, SeeTheSameTree) {
   if (!address::isPortUnused(111, "127.0.0.1", SOCK_STREAM)) GTEST_SKIP() << "port 111 is taken";
-  CountingTree tree{{"/d"}};
+  CountingTree tree({"/d"});
   std::vector<std::string> names{".", ".."};  // which this tree lists
   for (int i = 0; i < 40; ++i) {
     names.push_back("file" + std::to_string(100 + i));

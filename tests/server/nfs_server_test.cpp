@@ -76,7 +76,7 @@ class NfsServerTest : public ::testing::Test {
   }
 
   NfsServer& server = NfsServer::instance();
-  CountingTree tree{{"/d"}, {"/d/f"}};
+  CountingTree tree = CountingTree({"/d"}, {"/d/f"});
   NfsMountSpec spec;
 };
 
