@@ -41,16 +41,16 @@ fetch_kernel() {
   [ -n "$package" ] || unavailable "apt knows no kernel package (apt-get update)"
   work=$cache/work
   rm -rf "$work"
-  mkdir -p "$work/root" "$work/initial/bin" "$work/initial/modules"
+  mkdir -p "$work/package" "$work/initial/bin" "$work/initial/modules"
   (cd "$work" && apt-get download "$package" >download.log 2>&1) ||
     unavailable "cannot download $package: $(tail -n 1 "$work/download.log")"
-  dpkg-deb -x "$work"/linux-image-*.deb "$work/root"
-  [ -d "$work/root/lib/modules" ] || mv "$work/root/usr/lib/modules" "$work/root/lib"
-  version=$(ls "$work/root/lib/modules")
-  depmod -b "$work/root" "$version"
+  dpkg-deb -x "$work"/linux-image-*.deb "$work/package"
+  [ -d "$work/package/lib/modules" ] || mv "$work/package/usr/lib/modules" "$work/package/lib"
+  version=$(ls "$work/package/lib/modules")
+  depmod -b "$work/package" "$version"
 
   for module in $modules; do
-    files=$(modprobe -d "$work/root" -S "$version" --show-depends "$module" |
+    files=$(modprobe -d "$work/package" -S "$version" --show-depends "$module" |
       awk '$1 == "insmod" { print $2 }')
     for file in $files; do
       name=$(basename "${file%.xz}")
@@ -67,7 +67,7 @@ fetch_kernel() {
 #!/bin/busybox sh
 /bin/busybox --install -s /bin
 export PATH=/bin
-mkdir -p /proc /sys /dev /lower /layer /root
+mkdir -p /proc /sys /dev /lower /layer /guest
 mount -t proc proc /proc
 mount -t sysfs sysfs /sys
 mount -t devtmpfs dev /dev
@@ -76,21 +76,21 @@ for module in $(cat /modules/order); do insmod /modules/$module; done
 mount -t 9p -o trans=virtio,version=9p2000.L,msize=512000,cache=loose,ro root /lower
 mount -t tmpfs -o size=60% tmpfs /layer
 mkdir /layer/data /layer/work
-mount -t overlay -o lowerdir=/lower,upperdir=/layer/data,workdir=/layer/work overlay /root
-mount -t proc proc /root/proc
-mount -t sysfs sysfs /root/sys
-mount -t devtmpfs dev /root/dev
-mount -t tmpfs tmpfs /root/run
-ln -snf /proc/self/fd /root/dev/fd
+mount -t overlay -o lowerdir=/lower,upperdir=/layer/data,workdir=/layer/work overlay /guest
+mount -t proc proc /guest/proc
+mount -t sysfs sysfs /guest/sys
+mount -t devtmpfs dev /guest/dev
+mount -t tmpfs tmpfs /guest/run
+ln -snf /proc/self/fd /guest/dev/fd
 ip link set lo up
-cp /job /root/run/job
-chroot /root /bin/bash /run/job </dev/null >/dev/ttyS1 2>&1
+cp /job /guest/run/job
+chroot /guest /bin/bash /run/job </dev/null >/dev/ttyS1 2>&1
 echo "status $?" >/dev/ttyS1
 poweroff -f
 INIT
   chmod +x "$work/initial/init"
   (cd "$work/initial" && find . | cpio -o -H newc 2>/dev/null | gzip -1) >"$cache/initial.gz"
-  mv "$work"/root/boot/vmlinuz-* "$cache/kernel"
+  mv "$work"/package/boot/vmlinuz-* "$cache/kernel"
   rm -rf "$work"
 }
 mkdir -p "$cache"
