@@ -19,5 +19,5 @@ private='if unshare --mount true 2>/dev/null; then
   exec unshare --mount -- sh -c '\''mount -t tmpfs tmpfs /run && exec "$@"'\'' sh "$@"
 fi
 exec "$@"'
-if [ $# -gt 0 ]; then tests=("$@"); else tests=(discover -p '*_test.py'); fi
-exec ../support/private_network.sh sh -c "$private" sh python3 -m unittest -v "${tests[@]}"
+if [ $# -gt 0 ]; then tests=(-v "$@"); else tests=(discover -v -p '*_test.py'); fi
+exec ../support/private_network.sh sh -c "$private" sh python3 -m unittest "${tests[@]}"
