@@ -1,6 +1,7 @@
 #include "fs/nfs_file_system.h"
 
 #include "support/counting_tree.h"
+#include "support/failure_of.h"
 #include "support/recorded_log.h"
 
 #include <stdexcept>
@@ -20,16 +21,6 @@ NfsMountSpec spec(bool writable, std::uint32_t maxOpenFiles = 8) {
   result.writeEnabled = writable;
   result.maxOpenFiles = maxOpenFiles;
   return result;
-}
-
-template <class Call>
-std::string failureOf(Call call) {
-  try {
-    call();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "no failure";
 }
 
 class NfsFileSystemTest : public ::testing::Test {

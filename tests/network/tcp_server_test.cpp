@@ -216,14 +216,12 @@ TEST_F(TcpServerTest, SendsPartsOfFilesInTheirPlace) {
 
   // A file that cannot be read after all costs the connection, since the reply has begun, and knows
   // it.
-  const int readable = dup(file->ReadDescriptor());
   const int useless = open("/dev/null", O_WRONLY | O_CLOEXEC);
   dup2(useless, file->ReadDescriptor());
   peer.send(record(nullCall(5, kTest, 1, 4) + wordBytes({0, 1000})));
   EXPECT_NE(peer.receiveRecord(), expected(5, 0, 1000));
   EXPECT_TRUE(logged("Failed to process request. Exception: [Failed to send data."));
   EXPECT_TRUE(file->failed);
-  close(readable);
   close(useless);
 }
 

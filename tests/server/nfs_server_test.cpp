@@ -5,6 +5,7 @@
 #include "network/address.h"
 #include "server/ports.h"
 #include "support/counting_tree.h"
+#include "support/failure_of.h"
 #include "support/recorded_log.h"
 #include "support/rpc_client.h"
 
@@ -33,15 +34,6 @@ using ::testing::StartsWith;
 constexpr unsigned kPortmap = 100000, kNfs = 100003, kMount = 100005;
 constexpr unsigned kPortmapPort = 111;
 const NfsPath kA("/a"), kB("/b");
-
-std::string failureOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "no failure";
-}
 
 // Whether a NULL call of the program is answered at the address.
 bool answers(int type, unsigned address, unsigned port, unsigned program) {

@@ -2,6 +2,7 @@
 
 #include "fs/nfs_file_system.h"
 #include "support/counting_tree.h"
+#include "support/failure_of.h"
 #include "support/recorded_log.h"
 
 #include <ctime>
@@ -18,16 +19,6 @@ using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 using std::chrono_literals::operator""ms;
 using std::chrono_literals::operator""s;
-
-template <class Call>
-std::string failureOf(Call call) {
-  try {
-    call();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "no failure";
-}
 
 class NfsServiceTest : public ::testing::Test {
  protected:

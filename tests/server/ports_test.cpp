@@ -3,6 +3,7 @@
 #include "network/address.h"
 #include "server/host_commands.h"
 #include "server/scoped_cleanup_task.h"
+#include "support/failure_of.h"
 #include "support/recorded_log.h"
 #include "support/rpc_client.h"
 
@@ -27,15 +28,6 @@ network::SocketDescriptor occupy(unsigned port) {
   EXPECT_EQ(bind(socket, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
   EXPECT_EQ(listen(socket, 1), 0);
   return socket;
-}
-
-std::string failureOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const std::runtime_error& e) {
-    return e.what();
-  }
-  return "no failure";
 }
 
 TEST(AddressTextTest, ShowsAddresses) {
