@@ -10,8 +10,8 @@
 #include <vector>
 
 // What a host that only reads can start from: every change is refused, a directory answers from its
-// list of entries. A server that is started without NfsMountSpec::writeEnabled never asks for a
-// change in the first place.
+// list of entries. An export without NfsMountSpec::writeEnabled grants clients no rights to change
+// anything, but only the host can refuse the one that tries.
 
 namespace read_only {
 

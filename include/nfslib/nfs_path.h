@@ -28,6 +28,8 @@ class NFSLIB_EXPORT NfsPath {
   const std::string& str() const { return m_path; }
   explicit operator std::string() const { return m_path; }
   bool isRootPath() const { return m_path.size() == 1; }
+  /// Whether this is `top` or a path below it.
+  bool isAtOrBelow(const NfsPath& top) const;
   /// The components in order, as views into this path (valid until it is changed or destroyed).
   std::vector<std::string_view> nodes() const;
   /// The path without its last component; the root for the root.

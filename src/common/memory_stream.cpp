@@ -65,19 +65,22 @@ MemoryStream& MemoryStream::operator>>(bool& value) {
   return *this;
 }
 
-MemoryStream& MemoryStream::operator>>(std::string& value) {
+memory::const_buffer MemoryStream::readOpaque() {
   const unsigned length = readCount(1);
   const memory::const_buffer bytes = readView(length);
-  value.assign(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   skipOpaqueTail(length);
+  return bytes;
+}
+
+MemoryStream& MemoryStream::operator>>(std::string& value) {
+  const memory::const_buffer bytes = readOpaque();
+  value.assign(reinterpret_cast<const char*>(bytes.data()), bytes.size());
   return *this;
 }
 
 MemoryStream& MemoryStream::operator>>(std::vector<std::byte>& value) {
-  const unsigned length = readCount(1);
-  const memory::const_buffer bytes = readView(length);
+  const memory::const_buffer bytes = readOpaque();
   value.assign(bytes.begin(), bytes.end());
-  skipOpaqueTail(length);
   return *this;
 }
 

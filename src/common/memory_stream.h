@@ -62,6 +62,9 @@ class MemoryStream {
   unsigned skipInput(unsigned n);
   // Skips what pads an opaque of `length` bytes to a multiple of four.
   void skipOpaqueTail(unsigned length) { skipInput(padding(length)); }
+  // Decodes a counted opaque without a copy: a view as from readView. A length beyond what is left
+  // marks the stream failed and gives nothing.
+  memory::const_buffer readOpaque();
   // Decodes a counted string into `dst` and returns its length. One that the input or `dst` does
   // not hold marks the stream failed and copies nothing.
   unsigned readString(memory::mutable_buffer dst);

@@ -1,16 +1,36 @@
 #include "fs/cache_triggers.h"
 
+#include <functional>
+#include <initializer_list>
+
 namespace nfslib {
 
 namespace {
 
-void drop(const std::weak_ptr<MetaDataCache>& cache, const NfsPath& path) {
-  if (const auto alive = cache.lock()) alive->erase(path);
+using Paths = std::initializer_list<std::reference_wrapper<const NfsPath>>;
+
+void drop(const std::weak_ptr<MetaDataCache>& cache, Paths paths) {
+  const auto alive = cache.lock();
+  if (!alive) return;
+  for (const NfsPath& path : paths) alive->erase(path);
+}
+
+// The result of `call`, which changes the objects at `paths`.
+template <class Call>
+auto changing(const std::weak_ptr<MetaDataCache>& cache, Paths paths, const Call& call) {
+  struct DropAfterwards {
+    const std::weak_ptr<MetaDataCache>& cache;
+    Paths paths;
+    ~DropAfterwards() { drop(cache, paths); }
+  };
+  drop(cache, paths);
+  const DropAfterwards afterwards{cache, paths};
+  return call();
 }
 
 }  // namespace
 
-void NfsDirCacheTrigger::clearMetaCache(const NfsPath& path) { drop(m_cache, path); }
+void NfsDirCacheTrigger::clearMetaCache(const NfsPath& path) { drop(m_cache, {path}); }
 
 std::shared_ptr<Directory> NfsDirCacheTrigger::wrap(const std::string& name,
                                                     const std::shared_ptr<Directory>& dir) {
@@ -43,49 +63,56 @@ std::shared_ptr<Symlink> NfsDirCacheTrigger::OpenSymlink(const std::string& name
 MetaData NfsDirCacheTrigger::GetMetaData() const { return m_dir->GetMetaData(); }
 
 void NfsDirCacheTrigger::SetMetaData(const MetaData& md) {
-  clearMetaCache(m_path);
-  m_dir->SetMetaData(md);
+  changing(m_cache, {m_path}, [&] { m_dir->SetMetaData(md); });
 }
 
 std::shared_ptr<Directory> NfsDirCacheTrigger::CreateSubdir(const std::string& name) {
-  clearMetaCache(m_path);
-  return wrap(name, m_dir->CreateSubdir(name));
+  const NfsPath child = m_path / name;
+  return changing(m_cache, {m_path, child}, [&] { return wrap(name, m_dir->CreateSubdir(name)); });
 }
 
 std::shared_ptr<File> NfsDirCacheTrigger::CreateFile(const std::string& name) {
-  clearMetaCache(m_path);
-  return wrap(name, m_dir->CreateFile(name));
+  const NfsPath child = m_path / name;
+  return changing(m_cache, {m_path, child}, [&] { return wrap(name, m_dir->CreateFile(name)); });
 }
 
 void NfsDirCacheTrigger::CreateSymlink(const std::string& name, const std::string& target) {
-  clearMetaCache(m_path);
-  m_dir->CreateSymlink(name, target);
+  const NfsPath child = m_path / name;
+  changing(m_cache, {m_path, child}, [&] { m_dir->CreateSymlink(name, target); });
 }
 
 void NfsDirCacheTrigger::RemoveSubdir(const std::string& name) {
-  clearMetaCache(m_path);
-  m_dir->RemoveSubdir(name);
+  const NfsPath child = m_path / name;
+  changing(m_cache, {m_path, child}, [&] { m_dir->RemoveSubdir(name); });
 }
 
 void NfsDirCacheTrigger::RemoveFile(const std::string& name) {
-  clearMetaCache(m_path);
-  m_dir->RemoveFile(name);
+  const NfsPath child = m_path / name;
+  changing(m_cache, {m_path, child}, [&] { m_dir->RemoveFile(name); });
 }
 
 void NfsDirCacheTrigger::MoveEntry(const std::string& name,
                                    const std::shared_ptr<Directory>& newParent,
                                    const std::string& newName) {
-  clearMetaCache(m_path);
-  if (const auto* wrapper = dynamic_cast<const NfsDirCacheTrigger*>(newParent.get())) {
-    clearMetaCache(wrapper->m_path);
-  }
-  m_dir->MoveEntry(name, hostObject(newParent), newName);
+  const NfsPath source = m_path / name;
+  const auto move = [&] {
+    changing(m_cache, {m_path, source},
+             [&] { m_dir->MoveEntry(name, hostObject(newParent), newName); });
+  };
+  const auto* wrapper = dynamic_cast<const NfsDirCacheTrigger*>(newParent.get());
+  if (wrapper == nullptr) return move();
+  const NfsPath target = wrapper->m_path / newName;
+  changing(wrapper->m_cache, {wrapper->m_path, target}, move);
 }
 
 void NfsDirCacheTrigger::Link(const std::string& name, const std::shared_ptr<File>& file) {
-  clearMetaCache(m_path);
-  if (auto* wrapper = dynamic_cast<NfsFileCacheTrigger*>(file.get())) wrapper->clearMetaCache();
-  m_dir->Link(name, hostObject(file));
+  const NfsPath child = m_path / name;
+  const auto link = [&] {
+    changing(m_cache, {m_path, child}, [&] { m_dir->Link(name, hostObject(file)); });
+  };
+  const auto* wrapper = dynamic_cast<const NfsFileCacheTrigger*>(file.get());
+  if (wrapper == nullptr) return link();
+  changing(wrapper->m_cache, {wrapper->m_path}, link);
 }
 
 DirEntry NfsDirCacheTrigger::GetEntryByName(const std::string& name) const {
@@ -96,7 +123,7 @@ std::optional<DirEntry> NfsDirCacheTrigger::TryGetEntryByName(const std::string&
   return m_dir->TryGetEntryByName(name);
 }
 
-void NfsFileCacheTrigger::clearMetaCache() { drop(m_cache, m_path); }
+void NfsFileCacheTrigger::clearMetaCache() { drop(m_cache, {m_path}); }
 
 unsigned long NfsFileCacheTrigger::Read(unsigned long offset, void* buffer, unsigned long length) {
   return m_file->Read(offset, buffer, length);
@@ -104,15 +131,13 @@ unsigned long NfsFileCacheTrigger::Read(unsigned long offset, void* buffer, unsi
 
 unsigned long NfsFileCacheTrigger::Write(unsigned long offset, const void* data,
                                          unsigned long length) {
-  clearMetaCache();
-  return m_file->Write(offset, data, length);
+  return changing(m_cache, {m_path}, [&] { return m_file->Write(offset, data, length); });
 }
 
 MetaData NfsFileCacheTrigger::GetMetaData() const { return m_file->GetMetaData(); }
 
 void NfsFileCacheTrigger::SetMetaData(const MetaData& md) {
-  clearMetaCache();
-  m_file->SetMetaData(md);
+  changing(m_cache, {m_path}, [&] { m_file->SetMetaData(md); });
 }
 
 const std::shared_ptr<Directory>& hostObject(const std::shared_ptr<Directory>& object) {

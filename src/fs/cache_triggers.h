@@ -11,9 +11,10 @@
 
 namespace nfslib {
 
-// A directory of a writable export. Before every call that changes it, its attributes are dropped
-// from the view's metadata cache; directories and files opened through it come wrapped in the same
-// way.
+// A directory of a writable export. Every call that changes it drops its attributes, and those of
+// the entry that is changed, from the view's metadata cache: before, so that they are gone also
+// when the host fails half-way, and after, so that nothing read meanwhile stays. Directories and
+// files opened through it come wrapped in the same way.
 //
 // It keeps the host's directory alive, but not the cache: a wrapper that outlives its view goes on
 // forwarding and drops nothing. The host always sees objects of its own as arguments, never a
@@ -70,6 +71,8 @@ class NfsFileCacheTrigger : public File {
   const std::shared_ptr<File>& inner() const { return m_file; }
 
  private:
+  friend class NfsDirCacheTrigger;
+
   NfsPath m_path;
   std::shared_ptr<File> m_file;
   std::weak_ptr<MetaDataCache> m_cache;

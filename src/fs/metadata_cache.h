@@ -19,9 +19,15 @@ namespace nfslib {
 // Whoever asks the host for attributes takes the `changes()` count first and stores with it: when
 // something was dropped meanwhile, the answer may be the one from before the change and is not
 // kept.
+//
+// Where the tree changes, the attributes of a file with several names are not kept at all: a change
+// through one name would leave those under the others as they were.
 class MetaDataCache {
  public:
-  explicit MetaDataCache(std::size_t capacity) : m_entries(capacity) {}
+  enum class Tree { Fixed, Changing };
+
+  explicit MetaDataCache(std::size_t capacity, Tree tree = Tree::Changing)
+      : m_tree(tree), m_entries(capacity) {}
 
   std::optional<MetaData> find(const NfsPath& path) {
     const std::lock_guard lock(m_lock);
@@ -33,18 +39,24 @@ class MetaDataCache {
   }
   void setUnlessChanged(const NfsPath& path, const MetaData& md, std::uint64_t changesBefore) {
     const std::lock_guard lock(m_lock);
-    if (m_changes == changesBefore) m_entries.set(path, md);
+    if (m_changes == changesBefore) store(path, md);
   }
   // For attributes that a client has just set: they hold whatever was read meanwhile.
   void set(const NfsPath& path, const MetaData& md) {
     const std::lock_guard lock(m_lock);
     ++m_changes;
-    m_entries.set(path, md);
+    store(path, md);
   }
   void erase(const NfsPath& path) {
     const std::lock_guard lock(m_lock);
     ++m_changes;
     m_entries.erase(path);
+  }
+  // Drops what is at `top` and below.
+  void eraseTree(const NfsPath& top) {
+    const std::lock_guard lock(m_lock);
+    ++m_changes;
+    m_entries.eraseIf([&](const NfsPath& path) { return path.isAtOrBelow(top); });
   }
   std::size_t size() const {
     const std::lock_guard lock(m_lock);
@@ -52,6 +64,17 @@ class MetaDataCache {
   }
 
  private:
+  // Under m_lock.
+  void store(const NfsPath& path, const MetaData& md) {
+    const bool severalNames = !isType(md, FileType::Directory) && md.linkCount > 1;
+    if (m_tree == Tree::Changing && severalNames) {
+      m_entries.erase(path);
+    } else {
+      m_entries.set(path, md);
+    }
+  }
+
+  const Tree m_tree;
   mutable std::mutex m_lock;  // guards the two fields below
   std::uint64_t m_changes = 0;
   utility::replacement_cache<NfsPath, MetaData> m_entries;

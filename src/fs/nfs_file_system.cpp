@@ -2,6 +2,7 @@
 
 #include "common/log.h"
 #include "fs/cache_triggers.h"
+#include "fs/entry_name.h"
 
 #include <stdexcept>
 #include <string_view>
@@ -11,7 +12,6 @@ namespace nfslib {
 
 namespace {
 
-constexpr std::size_t kHandleBuckets = 65536;
 constexpr std::size_t kDirectoryCapacity = 2048;
 constexpr std::size_t kMetaDataCapacity = 16384;
 constexpr std::size_t kPositionCapacity = 32;
@@ -28,10 +28,6 @@ std::shared_ptr<Object> opened(std::shared_ptr<Object> object) {
   return object;
 }
 
-std::uint32_t slotOf(const NfsHandle& handle) {
-  return static_cast<std::uint32_t>(handle.objectId);
-}
-
 }  // namespace
 
 NfsFileSystem::NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec)
@@ -39,13 +35,13 @@ NfsFileSystem::NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec)
       m_writable(spec.writeEnabled),
       m_directories(kDirectoryCapacity),
       m_files(2 * spec.maxOpenFiles),
-      m_metaData(std::make_shared<MetaDataCache>(kMetaDataCapacity)),
-      m_positions(kPositionCapacity) {
-  m_paths.reserve(kHandleBuckets);
-}
+      m_metaData(std::make_shared<MetaDataCache>(
+          kMetaDataCapacity,
+          m_writable ? MetaDataCache::Tree::Changing : MetaDataCache::Tree::Fixed)),
+      m_positions(kPositionCapacity) {}
 
 NfsFileSystem::~NfsFileSystem() {
-  log().info("NFS handle map size: [%1].", m_paths.size());
+  log().info("NFS handle map size: [%1].", m_handles.size());
   log().info("Directory cache size: [%1].", m_directories.size());
   log().info("MetaData cache size: [%1].", m_metaData->size());
 }
@@ -57,16 +53,13 @@ NfsHandle NfsFileSystem::createHandle(const NfsHandle& base, const MetaData& md)
 NfsHandle NfsFileSystem::getHandle(const NfsHandle& base, const NfsPath& path, const MetaData& md) {
   const NfsHandle handle = createHandle(base, md);
   log().dbg("Create handle for path [%1], handle [%2]", path, handle);
-  const std::unique_lock lock(m_handleLock);
-  m_paths.insert_or_assign(slotOf(handle), path);
+  const bool oneName = isType(md, FileType::Directory);
+  m_handles.remember(handle.objectId, path, oneName ? 1 : md.linkCount);
   return handle;
 }
 
 std::optional<NfsPath> NfsFileSystem::findPath(const NfsHandle& handle) const {
-  const std::shared_lock lock(m_handleLock);
-  const auto at = m_paths.find(slotOf(handle));
-  if (at == m_paths.end()) return std::nullopt;
-  return at->second;
+  return m_handles.find(handle.objectId);
 }
 
 NfsPath NfsFileSystem::getPath(const NfsHandle& handle) const {
@@ -78,24 +71,34 @@ NfsPath NfsFileSystem::getPath(const NfsHandle& handle) const {
 std::optional<MetaData> NfsFileSystem::findMetaData(const NfsPath& path) {
   if (auto cached = m_metaData->find(path)) return cached;
   try {
-    if (path.isRootPath()) return readRootMetaData();
-    const std::uint64_t before = m_metaData->changes();
-    const NfsPath parentPath = path.getParentPath();
-    const DirEntry entry = openHostDirectory(parentPath)->GetEntryByName(path.getFileName());
-    m_metaData->setUnlessChanged(parentPath / entry.name, entry.metaData, before);
-    return entry.metaData;
+    return askForMetaData(path);
   } catch (const std::exception& e) {
     log().dbg("Failed to find metadata in cache. Error: [%1].", e.what());
     return std::nullopt;
   }
 }
 
-MetaData NfsFileSystem::readRootMetaData() {
-  const NfsPath root("/");
+MetaData NfsFileSystem::askForMetaData(const NfsPath& path) {
   const std::uint64_t before = m_metaData->changes();
-  MetaData md = openHostDirectory(root)->GetMetaData();
-  m_metaData->setUnlessChanged(root, md, before);
-  return md;
+  if (path.isRootPath()) {
+    MetaData md = openHostDirectory(path)->GetMetaData();
+    m_metaData->setUnlessChanged(path, md, before);
+    return md;
+  }
+  const NfsPath parentPath = path.getParentPath();
+  const std::string name = path.getFileName();
+  DirEntry entry = openHostDirectory(parentPath)->GetEntryByName(name);
+  // A host that does not tell upper from lower case may spell the name in another way. Changes made
+  // under the one spelling would not reach what is kept under the other.
+  if (!m_writable || entry.name == name) {
+    m_metaData->setUnlessChanged(parentPath / entry.name, entry.metaData, before);
+  }
+  return std::move(entry.metaData);
+}
+
+MetaData NfsFileSystem::readMetaData(const NfsPath& path) {
+  m_metaData->erase(path);
+  return getMetaData(path);
 }
 
 MetaData NfsFileSystem::getMetaData(const NfsPath& path) {
@@ -124,11 +127,6 @@ void NfsFileSystem::setMetaData(const NfsPath& path, const MetaData& md) {
     }
   }
   m_metaData->set(path, md);
-}
-
-std::uint64_t NfsFileSystem::changes() const {
-  const std::lock_guard lock(m_cacheLock);
-  return m_changes;
 }
 
 std::shared_ptr<Directory> NfsFileSystem::openDirectory(const NfsPath& path) {
@@ -203,6 +201,7 @@ void NfsFileSystem::iterateDir(
 }
 
 void NfsFileSystem::remove(const std::string& name, const NfsPath& dirPath) {
+  requireEntryName(name);
   const auto parent = openDirectory(dirPath);
   const NfsPath child = dirPath / name;
   const bool isDirectory = isType(getMetaData(child), FileType::Directory);
@@ -237,6 +236,8 @@ void NfsFileSystem::remove(const std::string& name, const NfsPath& dirPath) {
 void NfsFileSystem::moveEntry(const std::string& name, const NfsPath& dirPath,
                               const std::shared_ptr<Directory>& newParent,
                               const std::string& newName) {
+  requireEntryName(name);
+  requireEntryName(newName);
   const auto parent = openDirectory(dirPath);
   const NfsPath source = dirPath / name;
   const bool isDirectory = isType(getMetaData(source), FileType::Directory);
@@ -253,6 +254,47 @@ void NfsFileSystem::moveEntry(const std::string& name, const NfsPath& dirPath,
   }
   m_metaData->erase(source);
   parent->MoveEntry(name, newParent, newName);
+}
+
+void NfsFileSystem::recordRemoval(const NfsPath& path) {
+  m_handles.forget(path);
+  dropCached(path);
+}
+
+void NfsFileSystem::recordMove(const NfsPath& from, const NfsPath& to) {
+  m_handles.move(from, to);
+  dropCached(from);
+  dropCached(to);
+  // Going through all that is cached takes a while, and only a directory has anything below it.
+  const auto moved = findMetaData(to);
+  if (moved && !isType(*moved, FileType::Directory)) return;
+  dropCachedTree(from);
+  dropCachedTree(to);
+}
+
+void NfsFileSystem::dropCached(const NfsPath& path) {
+  Displaced<Directory> dir;
+  Displaced<File> file;
+  {
+    const std::lock_guard lock(m_cacheLock);
+    ++m_changes;
+    dir = m_directories.erase(path);
+    file = m_files.erase(path);
+  }
+  m_metaData->erase(path);
+}
+
+void NfsFileSystem::dropCachedTree(const NfsPath& top) {
+  const auto isBelow = [&](const NfsPath& path) { return path.isAtOrBelow(top); };
+  std::vector<std::shared_ptr<Directory>> dirs;
+  std::vector<std::shared_ptr<File>> files;
+  {
+    const std::lock_guard lock(m_cacheLock);
+    ++m_changes;
+    dirs = m_directories.eraseIf(isBelow);
+    files = m_files.eraseIf(isBelow);
+  }
+  m_metaData->eraseTree(top);
 }
 
 }  // namespace nfslib

@@ -8,6 +8,7 @@
 
 #include "common/nfs_handle.h"
 #include "fs/directory_positions.h"
+#include "fs/handle_map.h"
 #include "fs/metadata_cache.h"
 #include "fs/replacement_cache.h"
 
@@ -16,9 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <string>
-#include <unordered_map>
 
 namespace nfslib {
 
@@ -29,8 +28,7 @@ namespace nfslib {
 // Thread-safe. Locks, in their order (a thread that holds one takes only later ones, and no host
 // call is made under any of them, since a host may be as slow as its disk):
 //   1. m_cacheLock   the directory and open-file caches
-//   2. m_handleLock  the handle map; never held together with m_cacheLock
-//   3. the locks inside m_metaData and m_positions
+//   2. the locks inside m_handles, m_metaData and m_positions, no two at once
 // A request that began to ask the host before another one changed the tree does not store its
 // answer: see `m_changes` and MetaDataCache. One that asks in the midst of a change could, so
 // requests on a writable export run one by one.
@@ -58,8 +56,14 @@ class NfsFileSystem {
   std::optional<MetaData> findMetaData(const NfsPath& path);
   // The same; throws std::runtime_error when there is nothing.
   MetaData getMetaData(const NfsPath& path);
+  // The same, from the host in any case: what a client's changes are applied to, since the host
+  // takes whatever differs from its own attributes for a change.
+  MetaData readMetaData(const NfsPath& path);
   bool pathExists(const NfsPath& path);
+  // Sets what differs, and keeps `md` as the attributes of `path` until somebody asks for those
+  // that the host has now.
   void setMetaData(const NfsPath& path, const MetaData& md);
+  void dropMetaData(const NfsPath& path) { m_metaData->erase(path); }
 
   // ---- Opening. The host's exceptions pass out unchanged, and nothing is cached then.
 
@@ -81,18 +85,28 @@ class NfsFileSystem {
 
   // ---- Changing the tree
 
+  // Both refuse a name that cannot name an entry, with std::runtime_error. They leave the handles,
+  // and what is cached at other places, to the two operations below.
+
   // Removes an entry of any type; a directory has to be empty.
   void remove(const std::string& name, const NfsPath& dirPath);
-  // Renames the entry. Handles and cached paths at and below the new place are the caller's to
-  // settle.
+  // Renames the entry, over an existing one if the host agrees.
   void moveEntry(const std::string& name, const NfsPath& dirPath,
                  const std::shared_ptr<Directory>& newParent, const std::string& newName);
 
+  // To be called when the entry at `path` was removed or moved out of this view: its object is not
+  // known by this name any more, and a later object of that name is another one.
+  void recordRemoval(const NfsPath& path);
+  // To be called when the entry at `from` was moved to `to`: handles of the object and of
+  // everything below it lead to the new place, those of an object that it replaced lead nowhere.
+  void recordMove(const NfsPath& from, const NfsPath& to);
+
  private:
-  // The number of changes so far: what is stored with it must be no older.
-  std::uint64_t changes() const;
   std::shared_ptr<Directory> openHostDirectory(const NfsPath& path);
-  MetaData readRootMetaData();
+  MetaData askForMetaData(const NfsPath& path);
+  // Drops all that is cached for `path`, or for it and everything below.
+  void dropCached(const NfsPath& path);
+  void dropCachedTree(const NfsPath& path);
 
   FileSystem& m_fs;
   const bool m_writable;
@@ -102,9 +116,7 @@ class NfsFileSystem {
   utility::replacement_cache<NfsPath, std::shared_ptr<Directory>> m_directories;
   utility::replacement_cache<NfsPath, std::shared_ptr<File>> m_files;
 
-  mutable std::shared_mutex m_handleLock;
-  std::unordered_map<std::uint32_t, NfsPath> m_paths;  // by the low 32 bits of the object id
-
+  HandleMap m_handles;
   const std::shared_ptr<MetaDataCache> m_metaData;  // shared with the wrappers
   DirectoryPositions m_positions;
 };

@@ -49,6 +49,13 @@ NfsPath::NfsPath(const std::string& text) : m_path(join(split(text))) {}
 
 NfsPath::NfsPath(const std::vector<std::string_view>& nodes) : m_path(join(nodes)) {}
 
+bool NfsPath::isAtOrBelow(const NfsPath& top) const {
+  if (top.isRootPath()) return true;
+  const std::size_t length = top.m_path.size();
+  return m_path.starts_with(top.m_path) &&
+         (m_path.size() == length || m_path[length] == kDelimiter);
+}
+
 std::vector<std::string_view> NfsPath::nodes() const { return split(m_path); }
 
 NfsPath NfsPath::getParentPath() const {

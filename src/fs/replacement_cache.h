@@ -6,6 +6,7 @@
 #include <optional>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 namespace nfslib::utility {
 
@@ -58,6 +59,22 @@ class replacement_cache {
     std::optional<Value> erased(std::move(at->second->second));
     m_entries.erase(at->second);
     m_index.erase(at);
+    return erased;
+  }
+
+  // Erases every entry whose key `matches`, in time proportional to the size of the cache.
+  template <class Predicate>
+  std::vector<Value> eraseIf(const Predicate& matches) {
+    std::vector<Value> erased;
+    for (auto at = m_entries.begin(); at != m_entries.end();) {
+      if (!matches(at->first)) {
+        ++at;
+        continue;
+      }
+      erased.push_back(std::move(at->second));
+      m_index.erase(at->first);
+      at = m_entries.erase(at);
+    }
     return erased;
   }
 

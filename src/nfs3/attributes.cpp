@@ -1,5 +1,6 @@
 #include "nfs3/attributes.h"
 
+#include "common/clock.h"
 #include "common/xdr_records.h"
 #include "nfs3/wire_sizes.h"
 
@@ -17,6 +18,45 @@ constexpr std::uint32_t high(std::uint64_t value) {
 constexpr std::uint32_t low(std::uint64_t value) { return static_cast<std::uint32_t>(value); }
 
 constexpr std::uint32_t kNoNanoseconds = 0;
+
+// A value that is there when the bool in front of it says so (set_mode3 and the like).
+template <class Integer>
+void readOptional(MemoryStream& in, std::optional<Integer>& value) {
+  bool isThere = false;
+  in >> isThere;
+  if (isThere) in >> value.emplace();
+}
+
+MemoryStream& operator>>(MemoryStream& in, SetAttributes3::SetTime& value) {
+  using enum SetAttributes3::TimeHow;
+  std::uint32_t how = 0;
+  std::uint32_t nanoseconds = 0;
+  in >> how;
+  value.how = SetAttributes3::TimeHow{how};
+  switch (value.how) {
+    case DontChange:
+    case ToServerTime:
+      return in;
+    case ToClientTime:
+      return in >> value.seconds >> nanoseconds;
+  }
+  in.errorOccurred();
+  return in;
+}
+
+void apply(const SetAttributes3::SetTime& wanted, std::uint32_t& seconds) {
+  using enum SetAttributes3::TimeHow;
+  switch (wanted.how) {
+    case DontChange:
+      return;
+    case ToServerTime:
+      seconds = nfslib::utility::currentSeconds();
+      return;
+    case ToClientTime:
+      seconds = wanted.seconds;
+      return;
+  }
+}
 
 }  // namespace
 
@@ -67,6 +107,23 @@ MemoryStream& operator<<(MemoryStream& out, const WccData& value) {
 
 MemoryStream& operator<<(MemoryStream& out, const PostOpHandle& value) {
   return out << true << value.handle;
+}
+
+MemoryStream& operator>>(MemoryStream& in, SetAttributes3& value) {
+  readOptional(in, value.mode);
+  readOptional(in, value.uid);
+  readOptional(in, value.gid);
+  readOptional(in, value.size);
+  return in >> value.accessTime >> value.modifyTime;
+}
+
+void SetAttributes3::applyTo(MetaData& md) const {
+  if (mode) md.mode = static_cast<std::uint16_t>(*mode);
+  if (uid) md.uid = *uid;
+  if (gid) md.gid = *gid;
+  if (size) md.size = *size;
+  apply(accessTime, md.accessTime);
+  apply(modifyTime, md.modifyTime);
 }
 
 fattr3 procedures::utility::getAttributes(const NfsHandle& handle, const MetaData& md) {

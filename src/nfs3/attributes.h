@@ -6,6 +6,7 @@
 #include "common/nfs_handle.h"
 
 #include <cstdint>
+#include <optional>
 
 namespace nfslib::nfs3 {
 
@@ -58,6 +59,29 @@ MemoryStream& operator<<(MemoryStream& out, const PostOpAttr& value);
 MemoryStream& operator<<(MemoryStream& out, const PreOpAttr& value);
 MemoryStream& operator<<(MemoryStream& out, const WccData& value);
 MemoryStream& operator<<(MemoryStream& out, const PostOpHandle& value);
+
+// sattr3: the attributes that a client sets, those that it names.
+struct SetAttributes3 {
+  // time_how, RFC 1813 section 2.6
+  enum class TimeHow : std::uint32_t { DontChange = 0, ToServerTime = 1, ToClientTime = 2 };
+  struct SetTime {
+    TimeHow how = TimeHow::DontChange;
+    std::uint32_t seconds = 0;  // the client's
+  };
+
+  std::optional<std::uint32_t> mode;
+  std::optional<std::uint32_t> uid;
+  std::optional<std::uint32_t> gid;
+  std::optional<std::uint64_t> size;
+  SetTime accessTime;  // atime
+  SetTime modifyTime;  // mtime
+
+  // Throws std::runtime_error when the server's time is wanted and does not fit.
+  void applyTo(MetaData& md) const;
+};
+
+// A time_how that does not exist marks the stream failed.
+MemoryStream& operator>>(MemoryStream& in, SetAttributes3& value);
 
 namespace procedures::utility {
 

@@ -17,13 +17,19 @@ class NfsService;
 // The procedures of NFS version 3. Each decodes its arguments from the stream and writes its whole
 // result, status first. They keep no state and may run in many threads at once.
 //
-// None of them catches what a missing object or a failing host throws: the program turns it into
-// the reply that is due.
+// What a missing object or a failing host throws passes out of them, and the program turns it into
+// the reply that is due; only those that change the tree answer some of the host's failures
+// themselves.
 
 namespace nfslib::nfs3::procedures {
 
 // GETATTR (1), RFC 1813 section 3.3.1
 struct CGetAttributes {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// SETATTR (2), section 3.3.2
+struct CSetAttributes {
   static void execute(MemoryStream& stream, NfsService& service);
 };
 
@@ -45,6 +51,46 @@ struct CReadLink {
 
 // READ (6), section 3.3.6
 struct CReadFile {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// WRITE (7), section 3.3.7
+struct CWriteFile {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// CREATE (8), section 3.3.8
+struct CCreateFile {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// MKDIR (9), section 3.3.9
+struct CMakeDirectory {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// SYMLINK (10), section 3.3.10
+struct CSymlink {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// REMOVE (12), section 3.3.12
+struct CRemoveFile {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// RMDIR (13), section 3.3.13, in remove_file.cpp
+struct CRemoveDirectory {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// RENAME (14), section 3.3.14
+struct CRename {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// LINK (15), section 3.3.15
+struct CLink {
   static void execute(MemoryStream& stream, NfsService& service);
 };
 
@@ -83,6 +129,11 @@ struct CGetStaticFsInfo {
 
 // PATHCONF (20), section 3.3.20
 struct CGetPathConfiguration {
+  static void execute(MemoryStream& stream, NfsService& service);
+};
+
+// COMMIT (21), section 3.3.21
+struct CCommit {
   static void execute(MemoryStream& stream, NfsService& service);
 };
 

@@ -1,5 +1,6 @@
 #include "nfs3/attributes.h"
 
+#include "common/clock.h"
 #include "support/stream_call.h"
 
 #include <gtest/gtest.h>
@@ -50,6 +51,51 @@ TEST(Attributes, BeforeAChangeAreSizeAndTwoTimes) {
 TEST(Attributes, OptionalHandleAlwaysFollows) {
   // The fields of a handle stand as they do in memory, that is on a little-endian processor.
   EXPECT_EQ(wire(PostOpHandle{kHandle}), "00000001 00000010 11111111 aa000000 33333333 22222222");
+}
+
+SetAttributes3 decoded(const std::string& words, bool good = true) {
+  const auto bytes = unhex(words);
+  MemoryStream in;
+  in.setInputData({bytes.data(), bytes.size()});
+  SetAttributes3 wanted;
+  in >> wanted;
+  EXPECT_EQ(static_cast<bool>(in), good) << words;
+  EXPECT_EQ(in.getInputDataSize(), 0U) << words;
+  return wanted;
+}
+
+TEST(SetAttributes, ThoseThatAreNamedAreApplied) {
+  MetaData md;
+  md.changeTime = 9;
+  decoded(
+      "00000001 00012345 00000001 00000065 00000001 00000066 "  // mode, uid, gid
+      "00000001 00000012 3456789a "                             // size
+      "00000002 60000001 000000ff 00000002 60000002 00000000")  // atime, mtime
+      .applyTo(md);
+  MetaData expected;
+  expected.mode = 0x2345;  // the low 16 bits
+  expected.uid = 101;
+  expected.gid = 102;
+  expected.size = 0x12'3456'789A;
+  expected.accessTime = 0x60000001;
+  expected.modifyTime = 0x60000002;
+  expected.changeTime = 9;
+  EXPECT_EQ(md, expected);
+  decoded("00000000 00000000 00000000 00000000 00000000 00000000").applyTo(md);
+  EXPECT_EQ(md, expected);
+}
+
+TEST(SetAttributes, TheServersTimeIsNow) {
+  MetaData md;
+  const auto before = utility::currentSeconds();
+  decoded("00000000 00000000 00000000 00000000 00000001 00000000").applyTo(md);
+  EXPECT_GE(md.accessTime, before);
+  EXPECT_LE(md.accessTime, utility::currentSeconds());
+  EXPECT_EQ(md.modifyTime, 0U);
+}
+
+TEST(SetAttributes, ATimeThatIsSetInNoKnownWayIsRefused) {
+  decoded("00000000 00000000 00000000 00000000 00000000 00000003", false);
 }
 
 }  // namespace

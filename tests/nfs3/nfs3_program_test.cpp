@@ -3,6 +3,7 @@
 #include "nfs3/procedure_table.h"
 #include "support/nfs3_fixture.h"
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <map>
@@ -42,11 +43,36 @@ class Nfs3ProgramTest : public Nfs3Test {
         {kPathConf, wire(dir)},
     };
   }
+
+  // The same for those that change the tree, each of which can be done once.
+  std::map<unsigned, std::string> changes() {
+    const NfsHandle dir = handleOf("/dir");
+    const NfsHandle file = handleOf("/dir/file");
+    const std::string sattr = wire(true, 0600U, false, false, false, 0U, 2U, 7U, 0U);
+    const std::uint64_t start = 0;
+    return {
+        {kSetAttr, wire(file) + sattr + wire(true, 1U, 2U)},
+        {kWrite, wire(file, start, 4U, 2U, std::string("data"))},
+        {kCreate, wire(dir, std::string("newf"), 1U) + sattr},
+        {kMkDir, wire(dir, std::string("made")) + sattr},
+        {kSymlink, wire(dir, std::string("soft")) + sattr + wire(std::string("file"))},
+        {kRemove, wire(dir, std::string("link"))},
+        {kRmDir, wire(dir, std::string("made"))},
+        {kRename, wire(dir, std::string("newf"), dir, std::string("newg"))},
+        {kLink, wire(file, dir, std::string("hard"))},
+        {kCommit, wire(file, start, 0U)},
+    };
+  }
+  std::map<unsigned, std::string> everything() {
+    auto all = arguments();
+    all.merge(changes());
+    return all;
+  }
 };
 
 TEST_F(Nfs3ProgramTest, ServesTheRowsOfTheTableAndNothingElse) {
   serve();
-  const auto all = arguments();
+  const auto all = everything();
   std::map<unsigned, std::string_view> names;
   for (const nfs3::Procedure& row : nfs3::procedureTable()) names[row.number] = row.name;
   EXPECT_EQ(names.size(), all.size());
@@ -88,7 +114,7 @@ TEST_F(Nfs3ProgramTest, HandleThatNamesNothingIsStale) {
   NfsHandle unknown = root;
   unknown.objectId = 999;
   const std::string fifteenBytes = "0000000f 00000000 00000000 00000000 00000000";
-  for (const auto& [number, accepted] : arguments()) {
+  for (const auto& [number, accepted] : everything()) {
     if (number == kNull) continue;
     const std::string rest = accepted.substr(wire(root).size());
     for (const std::string& handle : {wire(earlierRun), wire(unknown), fifteenBytes}) {
@@ -122,16 +148,24 @@ TEST_F(Nfs3ProgramTest, HandleOfAWithdrawnExportIsGarbage) {
 TEST_F(Nfs3ProgramTest, ArgumentsCutAnywhereDoNothing) {
   serve();
   constexpr std::size_t kHandleBytes = 20;
-  for (const auto& [number, accepted] : arguments()) {
+  constexpr std::size_t kNameBytes = 8;
+  // Where the last handle of those with two ends.
+  const std::map<unsigned, std::size_t> twoHandles{{kRename, 2 * kHandleBytes + kNameBytes},
+                                                   {kLink, 2 * kHandleBytes}};
+  constexpr std::array kQuiet{"OpenFile",     "Enumerate",     "SetMetaData", "Write",
+                              "CreateFile",   "CreateSubdir",  "MoveEntry",   "RemoveFile",
+                              "RemoveSubdir", "CreateSymlink", "Link"};
+  for (const auto& [number, accepted] : everything()) {
     const std::vector<std::byte> bytes = unhex(accepted);
     for (std::size_t size = 0; size < bytes.size(); ++size) {
-      for (const char* quiet : {"OpenFile", "Enumerate"}) host.takeCalls(quiet);
+      for (const char* quiet : kQuiet) host.takeCalls(quiet);
       const Reply reply = send(number, hex({bytes.data(), size}));
-      const bool handleIsWhole = size >= kHandleBytes;
+      const auto last = twoHandles.find(number);
+      const bool handleIsWhole = size >= (last == twoHandles.end() ? kHandleBytes : last->second);
       EXPECT_EQ(reply.acceptStatus, handleIsWhole ? kGarbageArguments : kAccepted)
           << "procedure " << number << " cut to " << size;
       EXPECT_EQ(reply.body(), handleIsWhole ? "" : wire(kStale, false));
-      for (const char* quiet : {"OpenFile", "Enumerate"}) EXPECT_EQ(host.takeCalls(quiet), 0U);
+      for (const char* quiet : kQuiet) EXPECT_EQ(host.takeCalls(quiet), 0U);
     }
   }
 }

@@ -25,15 +25,25 @@ namespace nfslib::testing {
 enum Procedure : unsigned {
   kNull = 0,
   kGetAttr = 1,
+  kSetAttr = 2,
   kLookup = 3,
   kAccess = 4,
   kReadLink = 5,
   kRead = 6,
+  kWrite = 7,
+  kCreate = 8,
+  kMkDir = 9,
+  kSymlink = 10,
+  kRemove = 12,
+  kRmDir = 13,
+  kRename = 14,
+  kLink = 15,
   kReadDir = 16,
   kReadDirPlus = 17,
   kFsStat = 18,
   kFsInfo = 19,
   kPathConf = 20,
+  kCommit = 21,
 };
 
 // A tree that is exported and served. Fill the tree, then call serve().
@@ -46,6 +56,7 @@ class Nfs3Test : public ::testing::Test {
   Nfs3Test() = default;
   // For a test whose calls are too many to keep their lines.
   explicit Nfs3Test(LogLevel discarded) : log{discarded} {}
+  explicit Nfs3Test(std::uint64_t capacity) : tree{capacity} {}
 
   // ---- The tree, past the server and the observer
 

@@ -107,7 +107,7 @@ void printHint(const ServeOptions& options, const std::string& path, const std::
 void serve(const ServeOptions& options) {
   const StopSignals stopSignals;
   raiseDescriptorLimit();
-  const Source source = openSource(options.source);
+  const Source source = openSource(options.source, options.spec.writeEnabled);
 
   // Unless the user asked for a log, a start that fails says so in one sentence of its own.
   const bool logsFromStart = !options.logLevel.empty() || !options.logFile.empty();

@@ -2,12 +2,14 @@
 
 #include "memory/memory_file_system.h"
 #include "posix/posix_file_system.h"
+#include "read_only/read_only_file_system.h"
 
 #include <charconv>
 #include <filesystem>
 #include <limits>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 namespace nfslib::tool {
 
@@ -21,6 +23,25 @@ std::string nameOf(const std::filesystem::path& directory) {
   std::error_code error;
   const std::string name = std::filesystem::canonical(directory, error).filename().string();
   return error || name.empty() ? "export" : name;
+}
+
+Source open(const std::string& text) {
+  if (text == kMemory) {
+    return {"/memory", std::make_unique<hosts::MemoryFileSystem>(kDefaultCapacity)};
+  }
+  if (text.starts_with("memory:")) {
+    const std::uint64_t capacity = parseSize(text.substr(kMemory.size() + 1));
+    return {"/memory", std::make_unique<hosts::MemoryFileSystem>(capacity)};
+  }
+  std::error_code error;
+  const auto status = std::filesystem::status(text, error);
+  if (!std::filesystem::exists(status)) {
+    throw std::runtime_error(text + " does not exist; name a directory to serve, or 'memory'.");
+  }
+  if (!std::filesystem::is_directory(status)) {
+    throw std::runtime_error(text + " is not a directory; name a directory to serve.");
+  }
+  return {std::string("/").append(nameOf(text)), std::make_unique<hosts::PosixFileSystem>(text)};
 }
 
 }  // namespace
@@ -43,23 +64,12 @@ std::uint64_t parseSize(const std::string& text) {
   return number << shift;
 }
 
-Source openSource(const std::string& text) {
-  if (text == kMemory) {
-    return {"/memory", std::make_unique<hosts::MemoryFileSystem>(kDefaultCapacity)};
+Source openSource(const std::string& text, bool writable) {
+  Source source = open(text);
+  if (!writable) {
+    source.tree = std::make_unique<hosts::ReadOnlyFileSystem>(std::move(source.tree));
   }
-  if (text.starts_with("memory:")) {
-    const std::uint64_t capacity = parseSize(text.substr(kMemory.size() + 1));
-    return {"/memory", std::make_unique<hosts::MemoryFileSystem>(capacity)};
-  }
-  std::error_code error;
-  const auto status = std::filesystem::status(text, error);
-  if (!std::filesystem::exists(status)) {
-    throw std::runtime_error(text + " does not exist; name a directory to serve, or 'memory'.");
-  }
-  if (!std::filesystem::is_directory(status)) {
-    throw std::runtime_error(text + " is not a directory; name a directory to serve.");
-  }
-  return {std::string("/").append(nameOf(text)), std::make_unique<hosts::PosixFileSystem>(text)};
+  return source;
 }
 
 }  // namespace nfslib::tool

@@ -1,0 +1,100 @@
+#include "read_only/read_only_file_system.h"
+
+#include <nfslib/exception.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace nfslib::hosts {
+
+namespace {
+
+[[noreturn]] void refuse() { throw INfsException("This tree is read-only."); }
+
+class ReadOnlyFile : public File, public IDescriptorFile {
+ public:
+  explicit ReadOnlyFile(std::shared_ptr<File> file)
+      : m_file(std::move(file)), m_source(dynamic_cast<IDescriptorFile*>(m_file.get())) {}
+
+  unsigned long Read(unsigned long offset, void* buffer, unsigned long length) override {
+    return m_file->Read(offset, buffer, length);
+  }
+  MetaData GetMetaData() const override { return m_file->GetMetaData(); }
+  int ReadDescriptor() const noexcept override {
+    return m_source != nullptr ? m_source->ReadDescriptor() : -1;
+  }
+  void DescriptorFailed() noexcept override { m_source->DescriptorFailed(); }
+
+  unsigned long Write(unsigned long, const void*, unsigned long) override { refuse(); }
+  void SetMetaData(const MetaData&) override { refuse(); }
+
+ private:
+  const std::shared_ptr<File> m_file;
+  IDescriptorFile* const m_source;  // m_file itself, nullptr when it has no descriptor
+};
+
+class ReadOnlySymlink : public Symlink {
+ public:
+  explicit ReadOnlySymlink(std::shared_ptr<Symlink> link) : m_link(std::move(link)) {}
+
+  std::string GetTarget() override { return m_link->GetTarget(); }
+  MetaData GetMetaData() const override { return m_link->GetMetaData(); }
+
+  void SetMetaData(const MetaData&) override { refuse(); }
+
+ private:
+  const std::shared_ptr<Symlink> m_link;
+};
+
+// `object` behind the class that guards it; nothing when the tree opened nothing.
+template <class Guard, class Object>
+std::shared_ptr<Guard> guarded(std::shared_ptr<Object> object) {
+  return object ? std::make_shared<Guard>(std::move(object)) : nullptr;
+}
+
+class ReadOnlyDirectory : public Directory {
+ public:
+  explicit ReadOnlyDirectory(std::shared_ptr<Directory> dir) : m_dir(std::move(dir)) {}
+
+  std::shared_ptr<DirectoryEnumerator> Enumerate() const override { return m_dir->Enumerate(); }
+  std::shared_ptr<Directory> OpenSubdir(const std::string& name) override {
+    return guarded<ReadOnlyDirectory>(m_dir->OpenSubdir(name));
+  }
+  std::shared_ptr<File> OpenFile(const std::string& name) override {
+    return guarded<ReadOnlyFile>(m_dir->OpenFile(name));
+  }
+  std::shared_ptr<Symlink> OpenSymlink(const std::string& name) override {
+    return guarded<ReadOnlySymlink>(m_dir->OpenSymlink(name));
+  }
+  MetaData GetMetaData() const override { return m_dir->GetMetaData(); }
+  DirEntry GetEntryByName(const std::string& name) const override {
+    return m_dir->GetEntryByName(name);
+  }
+  std::optional<DirEntry> TryGetEntryByName(const std::string& name) const override {
+    return m_dir->TryGetEntryByName(name);
+  }
+
+  void SetMetaData(const MetaData&) override { refuse(); }
+  std::shared_ptr<Directory> CreateSubdir(const std::string&) override { refuse(); }
+  std::shared_ptr<File> CreateFile(const std::string&) override { refuse(); }
+  void CreateSymlink(const std::string&, const std::string&) override { refuse(); }
+  void RemoveSubdir(const std::string&) override { refuse(); }
+  void RemoveFile(const std::string&) override { refuse(); }
+  void MoveEntry(const std::string&, const std::shared_ptr<Directory>&,
+                 const std::string&) override {
+    refuse();
+  }
+  void Link(const std::string&, const std::shared_ptr<File>&) override { refuse(); }
+
+ private:
+  const std::shared_ptr<Directory> m_dir;
+};
+
+}  // namespace
+
+std::shared_ptr<Directory> ReadOnlyFileSystem::OpenRoot() {
+  return guarded<ReadOnlyDirectory>(m_tree->OpenRoot());
+}
+
+}  // namespace nfslib::hosts

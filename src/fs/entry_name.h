@@ -1,0 +1,12 @@
+#pragma once
+
+#include <string>
+
+namespace nfslib {
+
+// Throws std::runtime_error unless `name` can name an entry of a directory. A client may send
+// anything; an operation that changes the tree passes on one path component and nothing else: no
+// empty name, no "." or "..", no "/" and no NUL byte.
+void requireEntryName(const std::string& name);
+
+}  // namespace nfslib

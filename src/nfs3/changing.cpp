@@ -1,0 +1,51 @@
+#include "nfs3/changing.h"
+
+#include "common/host_failure.h"
+#include "common/xdr_records.h"
+#include "fs/entry_name.h"
+
+#include <utility>
+
+namespace nfslib::nfs3::procedures::utility {
+
+using nfs::OperationResult;
+
+Changing::Changing(const NfsHandle& handle, const NfsService& service)
+    : Changing(handle, getPath(handle, service)) {}
+
+Changing::Changing(const NfsHandle& handle, ViewAndPath found)
+    : m_handle(handle),
+      m_view(std::move(found.first)),
+      m_path(std::move(found.second)),
+      m_before(m_view->getMetaData(m_path)) {}
+
+WccData Changing::wccData() const {
+  return {PreOpAttr(getAttributes(m_handle, m_before)),
+          {getAttributes(m_handle, m_view->getMetaData(m_path))}};
+}
+
+void create(MemoryStream& stream, const Changing& dir, const std::string& name,
+            const std::function<MetaData(Directory&)>& make,
+            const std::function<void(std::string_view)>& tell) {
+  MetaData md;
+  NfsHandle handle;
+  const OperationResult status = statusOfHostCall(
+      [&] {
+        requireEntryName(name);
+        md = make(*dir.view().openDirectory(dir.path()));
+        handle = dir.view().getHandle(dir.handle(), dir.path() / name, md);
+      },
+      [&](std::string_view why) {
+        tell(why);
+        return OperationResult::FileExist;
+      });
+  const WccData wcc = dir.wccData();
+
+  stream << status;
+  if (status == OperationResult::OK) {
+    stream << PostOpHandle{handle} << PostOpAttr{getAttributes(handle, md)};
+  }
+  stream << wcc;
+}
+
+}  // namespace nfslib::nfs3::procedures::utility

@@ -1,0 +1,52 @@
+#include "common/host_failure.h"
+#include "common/log.h"
+#include "common/xdr_records.h"
+#include "nfs3/arguments.h"
+#include "nfs3/changing.h"
+#include "nfs3/procedures.h"
+
+#include <string_view>
+
+namespace nfslib::nfs3::procedures {
+
+using nfs::OperationResult;
+
+namespace {
+
+// REMOVE and RMDIR. Both remove what has the name, whatever it is.
+void remove(MemoryStream& stream, NfsService& service, const char* line,
+            OperationResult (*statusOfRefusal)(std::string_view why)) {
+  const DirOpArgs args = utility::readDirOpArgs(stream, service);
+  utility::checkDecoded(stream);
+  const utility::Changing dir(args.dir, service);
+  log().dbg(line, dir.path());
+
+  const NfsPath path = dir.path() / args.name;
+  const OperationResult status =
+      statusOfHostCall([&] { dir.view().remove(args.name, dir.path()); },
+                       [&](std::string_view why) {
+                         log().dbg("Cannot remove file [%1]: [%2]", path, why);
+                         return statusOfRefusal(why);
+                       });
+  if (status == OperationResult::OK) dir.view().recordRemoval(path);
+  const WccData wcc = dir.wccData();
+
+  stream << status << wcc;
+}
+
+}  // namespace
+
+void CRemoveFile::execute(MemoryStream& stream, NfsService& service) {
+  remove(stream, service, "removeFile: path [%1]",
+         [](std::string_view) { return OperationResult::NoEntry; });
+}
+
+// A host tells that a directory has entries by the words of its exception alone.
+void CRemoveDirectory::execute(MemoryStream& stream, NfsService& service) {
+  remove(stream, service, "removeDirectory: path [%1]", [](std::string_view why) {
+    return why.find("not empty") != std::string_view::npos ? OperationResult::DirectoryIsNotEmpty
+                                                           : OperationResult::NoEntry;
+  });
+}
+
+}  // namespace nfslib::nfs3::procedures

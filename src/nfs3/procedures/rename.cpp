@@ -1,0 +1,47 @@
+#include "common/host_failure.h"
+#include "common/log.h"
+#include "common/xdr_records.h"
+#include "nfs3/arguments.h"
+#include "nfs3/changing.h"
+#include "nfs3/procedures.h"
+
+#include <string_view>
+
+namespace nfslib::nfs3::procedures {
+
+using nfs::OperationResult;
+
+void CRename::execute(MemoryStream& stream, NfsService& service) {
+  const DirOpArgs from = utility::readDirOpArgs(stream, service);
+  const DirOpArgs to = utility::readDirOpArgs(stream, service);
+  utility::checkDecoded(stream);
+  const utility::Changing fromDir(from.dir, service);
+  const utility::Changing toDir(to.dir, service);
+  log().dbg("rename: fromPath [%1], toPath [%2]", fromDir.path(), toDir.path());
+
+  const NfsPath source = fromDir.path() / from.name;
+  const NfsPath target = toDir.path() / to.name;
+  const OperationResult status = statusOfHostCall(
+      [&] {
+        const auto newParent = toDir.view().openDirectory(toDir.path());
+        fromDir.view().moveEntry(from.name, fromDir.path(), newParent, to.name);
+      },
+      [&](std::string_view) {
+        log().dbg("Failed to rename entry [%1] to [%2]", source, target);
+        return OperationResult::NoEntry;
+      });
+  if (status == OperationResult::OK) {
+    if (&fromDir.view() == &toDir.view()) {
+      toDir.view().recordMove(source, target);
+    } else {
+      fromDir.view().recordRemoval(source);
+      toDir.view().recordRemoval(target);
+    }
+  }
+  const WccData fromWcc = fromDir.wccData();
+  const WccData toWcc = toDir.wccData();
+
+  stream << status << fromWcc << toWcc;
+}
+
+}  // namespace nfslib::nfs3::procedures
