@@ -63,9 +63,29 @@ def arguments():
         yield f"readdir-{cookie}-{count}", NFS, 16, start + words(count)
         yield f"readdirplus-{cookie}-{count}", NFS, 17, start + words(count, count)
     yield "readdir-of-a-file", NFS, 16, handle(FILE) + longs(0) + bytes(8) + words(4096)
-    yield "create", NFS, 8, handle(ROOT) + opaque(b"new") + words(0) + words(0, 0, 0, 0, 0, 0)
-    yield "remove", NFS, 12, handle(ROOT) + opaque(b"empty")
+    all_set = words(1, 0o12644, 1, 7, 1, 8, 1) + longs(10) + words(1, 2, 5, 0)
+    for name, number in (("file", FILE), ("link", LINK), ("directory", DIRECTORY), ("root", ROOT)):
+        yield f"setattr-{name}", NFS, 2, handle(number) + all_set + words(1, 2, 3)
+    yield "setattr-huge", NFS, 2, handle(FILE) + words(0, 0, 0, 1) + longs(2**64 - 1) + words(0, 3, 0)
+    for mode in range(4):
+        yield f"create-{mode}", NFS, 8, handle(ROOT) + opaque(b"new") + words(mode) + all_set
+    yield "create-again", NFS, 8, handle(ROOT) + opaque(b"file") + words(0) + words(0, 0, 0, 0, 0, 0)
+    yield "mkdir", NFS, 9, handle(DIRECTORY) + opaque(b"new") + all_set
+    yield "symlink", NFS, 10, handle(ROOT) + opaque(b"new") + all_set + opaque(b"to")
+    for name in (b"empty", b"link", b"directory", b"..", b"none"):
+        yield f"remove-{name.decode()}", NFS, 12, handle(ROOT) + opaque(name)
+        yield f"rmdir-{name.decode()}", NFS, 13, handle(ROOT) + opaque(name)
+    for name, source, directory, target in (
+            ("file", b"file", DIRECTORY, b"moved"), ("over", b"file", ROOT, b"empty"),
+            ("into-itself", b"directory", DIRECTORY, b"in"), ("directory", b"directory", ROOT, b"d"),
+            ("same", b"file", ROOT, b"file"), ("root", b".", ROOT, b"x")):
+        yield f"rename-{name}", NFS, 14, handle(ROOT) + opaque(source) + handle(directory) + opaque(target)
+    yield "link", NFS, 15, handle(FILE) + handle(DIRECTORY) + opaque(b"second")
+    yield "link-to-a-directory", NFS, 15, handle(DIRECTORY) + handle(ROOT) + opaque(b"second")
     yield "write", NFS, 7, handle(FILE) + longs(0) + words(4, 2) + opaque(b"data")
+    yield "write-far", NFS, 7, handle(FILE) + longs(2**63 - 2) + words(4, 0) + opaque(b"data")
+    yield "write-more-than-sent", NFS, 7, handle(FILE) + longs(0) + words(400, 2) + opaque(b"data")
+    yield "commit", NFS, 21, handle(FILE) + longs(0) + words(0)
     for name, number in (("fsstat", 18), ("fsinfo", 19), ("pathconf", 20)):
         yield name, NFS, number, handle(ROOT)
     yield "no-such-procedure", NFS, 99, b""
@@ -110,6 +130,11 @@ def connection():
     write("connection", "three-records", record(null) + record(lookup) + record(read))
     write("connection", "three-calls-in-a-record", record(null, lookup, listing))
     write("connection", "mount-and-read", record(call(MOUNT, 1, opaque(b"/tree"))) + record(read))
+    removal = call(NFS, 12, handle(ROOT) + opaque(b"file"))
+    creation = call(NFS, 8, handle(ROOT) + opaque(b"file") + words(2) + bytes(8))
+    move = call(NFS, 14, handle(ROOT) + opaque(b"directory") + handle(ROOT) + opaque(b"moved"))
+    write("connection", "successor", record(removal) + record(creation, read) + record(lookup))
+    write("connection", "moved-listing", record(listing, move, listing) + record(listing))
     write("connection", "mount-of-nothing", record(call(MOUNT, 1, opaque(b"/no"))) + record(null))
     write("connection", "unknown-program", record(call(100227, 0, b"")) + record(null))
     write("connection", "not-last", words(len(null)) + null + record(null))
