@@ -10,7 +10,7 @@ build="g++ cmake ninja-build pkg-config uuid-dev libtirpc-dev libmagicenum-dev l
 demo="libnfs-utils libnfs-dev"
 test="clang clang-format clang-tidy libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev
   libnfs-dev libnfs-utils tshark tcpdump rpcbind nfs-common iproute2 util-linux python3 ccache
-  qemu-system-x86 busybox-static kmod cpio e2fsprogs"
+  qemu-system-x86 busybox-static kmod cpio e2fsprogs git sqlite3 rsync"
 bench="libbenchmark-dev nfs-ganesha nfs-ganesha-vfs iproute2 util-linux python3 rpcbind"
 
 case "${1:-}" in

@@ -1,6 +1,7 @@
 """What goes over the wire, as tshark reads it: nothing malformed, every call answered.
 
-The capture takes in what the other tests do: libnfs, rpcinfo, showmount and the UDP client.
+The capture takes in what the other tests do: libnfs reading and changing, rpcinfo, showmount and the
+UDP client.
 """
 
 import collections
@@ -148,6 +149,14 @@ class Wire(unittest.TestCase):
             with support.Server(cls.tree) as server:
                 cls.ports |= {server.nfs_port, server.mount_port}
                 cls.use_over_tcp(server)
+            for name in ("served", "local"):
+                (cls.directory / name).mkdir()
+            with support.Server(cls.directory / "served", "--rw") as server:
+                cls.ports |= {server.nfs_port, server.mount_port}
+                cls.succeed(support.CHANGE, server.url(), cls.directory / "local", 1, 60)
+            with support.Server("memory:1M", "--rw") as server:
+                cls.ports |= {server.nfs_port, server.mount_port}
+                cls.succeed(support.CHANGE, "--fill", server.url())
             with support.Server(cls.tree, "--proto", "udp") as server:
                 cls.ports |= {server.nfs_port, server.mount_port}
                 cls.udp_port = server.nfs_port
@@ -204,7 +213,8 @@ class Wire(unittest.TestCase):
         replies = self.verdict.replies
         self.assertGreater(self.verdict.calls, 1500)
         for procedure, least in ((0, 3), (1, 100), (3, 500), (4, 1), (5, 7), (6, 300), (16, 1), (17, 20),
-                                 (18, 1), (19, 2), (20, 1)):
+                                 (18, 1), (19, 2), (20, 1), (2, 20), (7, 50), (8, 40), (9, 200), (10, 5),
+                                 (12, 35), (13, 200), (14, 15), (15, 5), (21, 35)):
             self.assertGreaterEqual(replies[(NFS, procedure)], least, f"NFS procedure {procedure}")
         for key in ((MOUNT, 0), (MOUNT, 1), (MOUNT, 5), (PORTMAP, 3), (PORTMAP, 4)):
             self.assertGreaterEqual(replies[key], 1, key)

@@ -3,9 +3,10 @@
 #
 #   tests/e2e/run.sh [TEST...]        for example: tests/e2e/run.sh udp_test capture_test.Capture
 #
-# The environment says what is tested: NFSLIB_TOOL and NFSLIB_COMPARE (programs; the release tool and
-# the clang build's libnfs_compare unless given), NFSLIB_PATIENCE (a factor for all deadlines),
-# NFSLIB_BIG_FILE_MIB. Tests that lack a program or a privilege are skipped and say why.
+# The environment says what is tested: NFSLIB_TOOL, NFSLIB_COMPARE and NFSLIB_CHANGE (programs; the
+# release tool and the clang build's libnfs_compare and libnfs_change unless given), NFSLIB_PATIENCE
+# (a factor for all deadlines), NFSLIB_BIG_FILE_MIB. Tests that lack a program or a privilege are
+# skipped and say why.
 set -euo pipefail
 cd "$(dirname "$0")"
 export PYTHONDONTWRITEBYTECODE=1

@@ -15,6 +15,7 @@ import unittest
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 TOOL = os.environ.get("NFSLIB_TOOL", str(PROJECT / "build/release/bin/nfslib"))
 COMPARE = os.environ.get("NFSLIB_COMPARE", str(PROJECT / "build/clang/bin/libnfs_compare"))
+CHANGE = os.environ.get("NFSLIB_CHANGE", str(PROJECT / "build/clang/bin/libnfs_change"))
 # Instrumented builds are slower; the deadlines stretch with them.
 PATIENCE = float(os.environ.get("NFSLIB_PATIENCE", "1"))
 
@@ -224,6 +225,55 @@ def names_below(root):
         for name in subdirectories + files:
             path = os.path.join(directory, name)
             found[os.path.relpath(path, root)] = os.lstat(path)
+    return found
+
+
+def parts_with_data(file, size):
+    """The (begin, end) of what is not a hole."""
+    end = 0
+    while end < size:
+        try:
+            begin = os.lseek(file, end, os.SEEK_DATA)
+        except OSError:
+            return
+        end = os.lseek(file, begin, os.SEEK_HOLE)
+        yield begin, end
+
+
+def same_bytes(one, other, size):
+    """Whether two files have the same bytes; holes of both are passed over."""
+    with open(one, "rb", 0) as a, open(other, "rb", 0) as b:
+        parts = {part for file in (a, b) for part in parts_with_data(file.fileno(), size)}
+        if sum(end - begin for begin, end in parts) > 1 << 30:
+            raise AssertionError(f"{one} or {other} has no holes to speak of")
+        for begin, end in parts:
+            for offset in range(begin, end, 1 << 20):
+                length = min(end - offset, 1 << 20)
+                if os.pread(a.fileno(), length, offset) != os.pread(b.fileno(), length, offset):
+                    return False
+    return True
+
+
+def tree_differences(served, local):
+    """Where two trees differ, a line each. Of the times only those set to something long past."""
+    def facts(path, status):
+        kind = stat.S_IFMT(status.st_mode)
+        return {"type and mode": type_and_mode(status), "owner": (status.st_uid, status.st_gid),
+                "links": status.st_nlink if kind != stat.S_IFDIR else None,
+                "size": status.st_size if kind == stat.S_IFREG else None,
+                "target": os.readlink(path) if kind == stat.S_IFLNK else None,
+                "time": int(status.st_mtime) if status.st_mtime < 1_500_000_000 else None}
+
+    trees = names_below(served), names_below(local)
+    found = [f"{name}: is only on one side" for name in trees[0].keys() ^ trees[1].keys()]
+    for name in sorted(trees[0].keys() & trees[1].keys()):
+        one, other = (facts(os.path.join(root, name), tree[name])
+                      for root, tree in zip((served, local), trees))
+        found += [f"{name}: {what} is {one[what]} instead of {other[what]}"
+                  for what in one if one[what] != other[what]]
+        if one == other and one["size"] is not None and not same_bytes(
+                os.path.join(served, name), os.path.join(local, name), one["size"]):
+            found.append(f"{name}: has other bytes")
     return found
 
 

@@ -29,8 +29,9 @@ ARROWS = [
     ("hosts/memory/", ["memory/", "hosts/"]),
     ("hosts/posix/", ["posix/", "hosts/"]),
     ("hosts/archive/", ["archive/", "hosts/"]),
+    ("hosts/read_only/", ["read_only/", "hosts/"]),
     ("hosts/", ["hosts/"]),
-    ("tools/nfslib/", ["tools/nfslib/", "memory/", "posix/", "archive/"]),
+    ("tools/nfslib/", ["tools/nfslib/", "memory/", "posix/", "archive/", "read_only/"]),
     ("examples/", ["examples/"]),
 ]
 
