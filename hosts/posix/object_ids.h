@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
-#include <unordered_map>
+#include <vector>
 
 #include <sys/stat.h>
 
@@ -33,23 +33,34 @@ class ObjectIds {
     std::uint64_t inode;
     bool operator==(const Key&) const = default;
   };
-  struct Hash {
-    std::size_t operator()(const Key& key) const noexcept;
-  };
   struct Known {
-    std::uint64_t id;
+    Key key;
+    std::uint64_t id;    // 0: the slot is free
     std::int64_t birth;  // nanoseconds
   };
+  // A hash table without pointers, of a power of two slots of which some are free, so that a
+  // look-up in a large one waits for memory once: an object is in the first slot that was free from
+  // its home on, round the end.
   struct Shard {
     std::mutex lock;  // innermost
-    std::unordered_map<Key, Known, Hash> objects;
+    std::vector<Known> slots;
+    std::size_t used = 0;
+
+    std::size_t home(const Key& key) const;
+    std::size_t next(std::size_t slot) const { return (slot + 1) & (slots.size() - 1); }
+    // The slot that has `key`, or the free one where it belongs.
+    std::size_t find(const Key& key) const;
+    void makeRoom();
+    void free(std::size_t slot);
   };
 
   static Key keyOf(const struct statx& status);
-  Shard& shardOf(const Key& key) { return m_shards[Hash{}(key) % m_shards.size()]; }
+  static std::size_t hash(const Key& key);
+  Shard& shardOf(const Key& key) { return m_shards[hash(key) % kShards]; }
 
+  static constexpr std::size_t kShards = 16;
   const bool m_trustBirthTimes;
-  std::array<Shard, 16> m_shards;
+  std::array<Shard, kShards> m_shards;
   std::atomic<std::uint64_t> m_next{1};
 };
 

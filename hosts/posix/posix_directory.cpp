@@ -121,6 +121,7 @@ std::shared_ptr<Directory> PosixDirectory::CreateSubdir(const std::string& name)
   requireEntryName(name);
   const std::shared_lock lock(m_tree->lock);
   const OpenDirectory directory = m_tree->open(*m_place, O_PATH);
+  const Changes::Scope change(m_tree->changes);
   if (::mkdirat(directory.get(), name.c_str(), 0755) != 0) {
     fail(errno, "create the directory " + directory.shown(name));
   }
@@ -133,6 +134,7 @@ std::shared_ptr<File> PosixDirectory::CreateFile(const std::string& name) {
   requireEntryName(name);
   const OpenDirectory directory = open();
   std::string shown = directory.shown(name);
+  const Changes::Scope change(m_tree->changes);
   Descriptor file(retried([&] {
     return ::openat(directory.get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | kSafely, 0644);
   }));
@@ -146,6 +148,7 @@ void PosixDirectory::CreateSymlink(const std::string& name, const std::string& t
   requireEntryName(name);
   requireLinkTarget(target);
   const OpenDirectory directory = open();
+  const Changes::Scope change(m_tree->changes);
   if (::symlinkat(target.c_str(), directory.get(), name.c_str()) != 0) {
     fail(errno, "create the symbolic link " + directory.shown(name));
   }
@@ -161,6 +164,7 @@ void PosixDirectory::remove(const std::string& name, int flags) {
   const std::unique_lock lock(m_tree->lock);
   const OpenDirectory directory = m_tree->open(*m_place, O_PATH);
   object = hold(directory, name);
+  const Changes::Scope change(m_tree->changes);
   if (!object || ::unlinkat(directory.get(), name.c_str(), flags) != 0) {
     fail(errno, "remove " + directory.shown(name));
   }
@@ -183,6 +187,7 @@ void PosixDirectory::MoveEntry(const std::string& name, const std::shared_ptr<Di
   const OpenDirectory from = m_tree->open(*m_place, O_PATH);
   const OpenDirectory to = m_tree->open(*target->m_place, O_PATH);
   replaced = hold(to, newName);
+  const Changes::Scope change(m_tree->changes);
   if (::renameat(from.get(), name.c_str(), to.get(), newName.c_str()) != 0) {
     const int error = errno;
     std::string what = "move " + from.shown(name);
@@ -205,6 +210,7 @@ void PosixDirectory::Link(const std::string& name, const std::shared_ptr<File>& 
   if (::fstat(target->descriptor(), &status) == 0 && status.st_nlink == 0) {
     throw INfsException("Cannot link " + directory.shown(name) + ": the file was removed.");
   }
+  const Changes::Scope change(m_tree->changes);
   // By the descriptor: whatever has the file's name by now, the link goes to this very file.
   if (::linkat(AT_FDCWD, procName(target->descriptor()).c_str(), directory.get(), name.c_str(),
                AT_SYMLINK_FOLLOW) != 0) {

@@ -73,6 +73,7 @@ unsigned long PosixFile::Read(unsigned long offset, void* buffer, unsigned long 
 unsigned long PosixFile::Write(unsigned long offset, const void* data, unsigned long length) {
   requireOffset(offset, length, m_shown);
   const int fd = writable();
+  const Changes::Scope change(m_tree->changes);
   const auto* const bytes = static_cast<const char*>(data);
   struct stat before {};
   const bool sizeKnown = ::fstat(fd, &before) == 0;
@@ -138,6 +139,7 @@ Descriptor PosixFile::openForWriting() const {
   // Who creates a file 0444 goes on to write it, and NFS has no descriptor that would allow that.
   // The owner might change the mode at any time; so do we, for this moment.
   const std::lock_guard lock(m_tree->modeLock);
+  const Changes::Scope change(m_tree->changes);
   struct stat status {};
   if (error == EACCES && ::fstat(m_opened.get(), &status) == 0 && status.st_uid == ::geteuid() &&
       ::chmod(name.c_str(), (status.st_mode & 07777) | S_IRUSR | S_IWUSR) == 0) {

@@ -25,7 +25,11 @@ class Tree;
 ///
 /// Object ids are handed out in the order in which objects are first seen and are valid for as long
 /// as this object lives; each object seen costs some 60 bytes until it is removed through this
-/// host.
+/// host, when its place is kept for another.
+///
+/// Large directories are read ahead while they are listed, by one more thread a listing where there
+/// is one to be had. A listing shows every change made through this host, and those that others
+/// make within a second; times of access may be a second old.
 ///
 /// Files are opened for reading, and for writing when they are first written to or resized, so
 /// exporting a tree that may only be read works and programs being run can be served. A file whose

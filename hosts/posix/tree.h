@@ -1,5 +1,6 @@
 #pragma once
 
+#include "posix/changes.h"
 #include "posix/object_ids.h"
 #include "posix/posix_file_system.h"
 #include "posix/system.h"
@@ -82,6 +83,8 @@ class Tree {
   // Serialises changes of modes with the passing ones of `PosixFile`. Below `lock`.
   std::mutex modeLock;
   ObjectIds ids;
+  // Every operation that changes attributes or names has a `Changes::Scope` around doing so.
+  Changes changes;
 
  private:
   friend class Place;

@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -434,6 +435,96 @@ TEST_P(PosixHostTest, TheOwnerWritesWhateverTheMode) {
   });
 }
 
+// A directory of which most is read ahead. Where a pass has made 200 steps, so are hundreds of the
+// entries that follow.
+class PosixLargeDirectoryTest : public PosixHostTest {
+ protected:
+  PosixLargeDirectoryTest() {
+    fs::permissions(scratch.path(), fs::perms(0755));
+    for (int i = 0; i < kFiles; ++i) writeFile(inside / ("file " + std::to_string(i)), "");
+  }
+  std::shared_ptr<DirectoryEnumerator> passAfter200() const {
+    auto pass = root->Enumerate();
+    for (int i = 0; i < 200; ++i) pass->MoveNext();
+    return pass;
+  }
+
+  static constexpr int kFiles = 3000;
+};
+
+INSTANTIATE_TEST_SUITE_P(Walk, PosixLargeDirectoryTest,
+                         testing::Values(PosixFileSystem::PathWalk::Automatic));
+
+TEST_P(PosixLargeDirectoryTest, ChangesAndRemovalsDuringAPassAreSeen) {
+  const auto pass = passAfter200();
+  std::vector<std::string> left;
+  int step = 0;
+  for (const auto other = passAfter200(); other->IsValid(); other->MoveNext(), ++step) {
+    const std::string name = other->Current().name;
+    const auto file = root->OpenFile(name);
+    MetaData md = file->GetMetaData();
+    md.mode = 0600;
+    if (step % 3 == 0) put(*file, "text");
+    if (step % 3 == 1) file->SetMetaData(md);
+    if (step % 3 == 2) root->RemoveFile(name);
+    if (step % 3 != 2) left.push_back(name);
+  }
+  left.erase(left.begin());  // the current entry of `pass`
+  for (const std::string& name : left) {
+    pass->MoveNext();
+    ASSERT_TRUE(pass->IsValid());
+    ASSERT_EQ(pass->Current().name, name);
+    ASSERT_EQ(pass->Current().metaData, root->GetEntryByName(name).metaData) << name;
+  }
+  pass->MoveNext();
+  EXPECT_FALSE(pass->IsValid());
+}
+
+TEST_P(PosixLargeDirectoryTest, ChangesByOthersAreSeenWithinASecond) {
+  const auto pass = passAfter200();
+  for (int i = 0; i < kFiles; ++i) fs::resize_file(inside / ("file " + std::to_string(i)), 7);
+  int steps = 0;  // so small that the next batch is not reached
+  for (; pass->Current().metaData.size == 0 && steps < 500; ++steps) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    pass->MoveNext();
+  }
+  EXPECT_LT(steps, 500);
+}
+
+TEST_P(PosixLargeDirectoryTest, PassesAndChangesAtOnce) {
+  const auto file = root->OpenFile("file 1234");
+  std::atomic<unsigned long> written = 0;
+  std::vector<std::thread> passes;
+  for (int i = 0; i < 3; ++i) {
+    passes.emplace_back([&] {
+      std::set<std::string> names;
+      unsigned long before = written;
+      for (const auto pass = root->Enumerate(); pass->IsValid(); pass->MoveNext()) {
+        const DirEntry& entry = pass->Current();
+        EXPECT_TRUE(names.insert(entry.name).second);
+        EXPECT_TRUE(entry.name != "file 1234" || entry.metaData.size >= before);
+        before = written;
+      }
+      EXPECT_EQ(names.size(), std::size_t{kFiles});
+    });
+  }
+  for (; written < 200; ++written) put(*file, "x", written);
+  for (std::thread& pass : passes) pass.join();
+}
+
+TEST_P(PosixLargeDirectoryTest, IsListedWhereNoThreadIsToBeHad) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root, to become somebody with a limit";
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NPROC, &before), 0);
+  unprivileged([&] {
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NPROC, &none), 0);
+    EXPECT_THROW(std::thread([] {}).join(), std::system_error);
+    EXPECT_EQ(namesIn(*root).size(), std::size_t{kFiles});
+  });
+  ASSERT_EQ(::setrlimit(RLIMIT_NPROC, &before), 0);
+}
+
 TEST(PosixObjectIdsTest, TellObjectsApart) {
   const auto object = [](std::uint32_t device, std::uint64_t inode, std::int64_t birth) {
     struct statx status {};
@@ -456,6 +547,14 @@ TEST(PosixObjectIdsTest, TellObjectsApart) {
     low.insert(static_cast<std::uint32_t>(id));
   }
   EXPECT_EQ(low.size(), 5U);
+
+  // Among many, removals leave the others alone.
+  std::vector<std::uint64_t> known;
+  for (std::uint64_t inode = 0; inode < 5000; ++inode) known.push_back(ids.of(object(3, inode, 1)));
+  for (std::uint64_t inode = 0; inode < 5000; inode += 3) ids.forget(object(3, inode, 1));
+  for (std::uint64_t inode = 0; inode < 5000; ++inode) {
+    EXPECT_EQ(ids.of(object(3, inode, 1)) == known[inode], inode % 3 != 0) << inode;
+  }
 
   hosts::posix::ObjectIds onOverlay(false);
   EXPECT_EQ(onOverlay.of(object(1, 7, 100)), onOverlay.of(object(1, 7, 101)));
