@@ -262,12 +262,18 @@ void NfsFileSystem::recordRemoval(const NfsPath& path) {
 }
 
 void NfsFileSystem::recordMove(const NfsPath& from, const NfsPath& to) {
-  m_handles.move(from, to);
   dropCached(from);
   dropCached(to);
-  // Going through all that is cached takes a while, and only a directory has anything below it.
   const auto moved = findMetaData(to);
-  if (moved && !isType(*moved, FileType::Directory)) return;
+  const bool isFile = moved && !isType(*moved, FileType::Directory);
+  if (isFile && moved->linkCount > 1) {
+    // Renaming a name of a file over another name of the same file leaves both (POSIX rename).
+    const auto left = findMetaData(from);
+    if (left && left->fileId == moved->fileId) return;
+  }
+  m_handles.move(from, to);
+  // Going through all that is cached takes a while, and only a directory has anything below it.
+  if (isFile) return;
   dropCachedTree(from);
   dropCachedTree(to);
 }

@@ -500,6 +500,10 @@ TEST_F(StaleTest, AllNamesOfAFileShowWhatWasChangedThroughOne) {
     EXPECT_EQ(seen("/e", "second"), wire(fattrOf("/d/f")));
   }
 
+  // Renaming one name over the other takes none away.
+  EXPECT_EQ(rename("/d/f", "/e/second"), kOk);
+  EXPECT_TRUE(exists("/d/f"));
+
   // The handle is good as long as one of the names is left.
   call(kRemove, handleOf("/e"), std::string("second"));
   Reply reply = call(kGetAttr, handle);

@@ -2,13 +2,12 @@
 #include <nfslib/nfs_path.h>
 #include <nfslib/nfs_server.h>
 
-#include "common/xdr_records.h"
 #include "server/ports.h"
 #include "support/counting_tree.h"
-#include "support/rpc_client.h"
+#include "support/nfs3_client.h"
 
 #include <atomic>
-#include <stdexcept>
+#include <exception>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,64 +16,6 @@
 
 namespace nfslib::testing {
 namespace {
-
-constexpr unsigned kNfs = 100003, kMount = 100005;
-constexpr unsigned kMnt = 1, kGetAttr = 1, kLookup = 3, kReadDirPlus = 17;
-
-// An NFS client of its own connection.
-class Client {
- public:
-  explicit Client(unsigned port) : m_peer(SOCK_STREAM, port) {}
-
-  // The results of a call that must succeed with status 0, behind that status; until the next call.
-  template <class... Arguments>
-  MemoryStream& call(unsigned program, unsigned procedure, const Arguments&... arguments) {
-    MemoryStream body;
-    (body << ... << arguments);
-    const auto bytes = body.getOutputBuffer();
-    ++m_xid;
-    m_peer.send(record(nullCall(m_xid, program, 3, procedure) + Bytes(bytes.begin(), bytes.end())));
-    const auto reply = m_peer.receiveRecord();
-    if (!reply || reply->size() < 28) throw std::runtime_error("no reply");
-    if (Bytes(reply->begin(), reply->begin() + 24) != accepted(m_xid)) {
-      throw std::runtime_error("not accepted");
-    }
-    m_results.setInputData({reply->data() + 24, reply->size() - 24});
-    unsigned status = 1;
-    m_results >> status;
-    if (status != 0) throw std::runtime_error("status " + std::to_string(status));
-    return m_results;
-  }
-  NfsHandle lookup(const NfsHandle& dir, const std::string& name) {
-    NfsHandle handle;
-    call(kNfs, kLookup, dir, name) >> handle;
-    return handle;
-  }
-  std::vector<std::string> list(const NfsHandle& dir) {
-    std::vector<std::string> names;
-    unsigned long cookie = 0;
-    for (bool eof = false; !eof;) {
-      MemoryStream& page = call(kNfs, kReadDirPlus, dir, cookie, 0UL, 512U, 1024U);
-      page.skipInput(88 + 8);  // the directory's attributes and the verifier
-      bool another = false;
-      while (page >> another, another) {
-        unsigned long fileId = 0;
-        std::string name;
-        page >> fileId >> name >> cookie;
-        page.skipInput(88 + 24);  // attributes and handle
-        names.push_back(name);
-      }
-      page >> eof;
-      if (!page) throw std::runtime_error("a page that is cut off");
-    }
-    return names;
-  }
-
- private:
-  RpcClient m_peer;
-  MemoryStream m_results;
-  unsigned m_xid = 0;
-};
 
 class ConcurrentClientsTest : public ::testing::TestWithParam<bool> {};
 
@@ -100,14 +41,16 @@ TEST_P(ConcurrentClientsTest, SeeTheSameTree) {
   for (int i = 0; i < 8; ++i) {
     clients.emplace_back([&] {
       try {
-        Client client(server.getNfsPort());
-        NfsHandle root;
-        client.call(kMount, kMnt, path.str()) >> root;
+        Nfs3Client client(server.getNfsPort());
+        const NfsHandle root = client.mount(path.str());
         for (int round = 0; round < 30; ++round) {
-          const NfsHandle dir = client.lookup(root, "d");
-          EXPECT_EQ(client.list(dir), names);
-          client.call(kNfs, kGetAttr,
-                      client.lookup(dir, names[2 + static_cast<std::size_t>(round)]));
+          const NfsHandle dir = checked(client.lookup(root, "d")).handle;
+          std::vector<std::string> listed;
+          for (const Nfs3Entry& entry : client.list(dir, 1024).entries)
+            listed.push_back(entry.name);
+          EXPECT_EQ(listed, names);
+          const std::string& name = names[2 + static_cast<std::size_t>(round)];
+          checked(client.getAttributes(checked(client.lookup(dir, name)).handle));
         }
         ++succeeded;
       } catch (const std::exception& e) {
