@@ -224,7 +224,7 @@ void NfsServer::Impl::serve(const ServerMode& mode) {
   for (ServerSocket& socket : sockets) socket.start(m_stopRequested);
   std::optional<utility::ScopedCleanupTask> unbind;
   if (systemPortmap && mode.registersWithSystem) {
-    const RpcRegistration registration{m_address, m_nfsPort, m_mountPort, m_settings.version};
+    RpcRegistration registration{m_address, m_nfsPort, m_mountPort, m_settings.version, {}};
     bindRpcServices(registration);
     unbind.emplace([registration] { unbindRpcServices(registration); }, "Unbind RPC services");
   }

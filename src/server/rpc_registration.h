@@ -1,5 +1,8 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
+
 // Registration of the MOUNT and NFS programs with the system's port-map service, through TI-RPC
 // (RFC 1833), so that clients which ask there find them. Needs the service's local transport.
 namespace nfslib {
@@ -9,11 +12,15 @@ struct RpcRegistration {
   unsigned nfsPort = 0;  // host byte order, as the next
   unsigned mountPort = 0;
   unsigned version = 0;  // of NFS; told for both programs
+
+  static constexpr std::size_t kRows = 3;
+  std::array<bool, kRows> isSet{};  // what was registered, and is to be taken back
 };
 
-// Registers NFS over TCP and MOUNT over TCP and UDP. A registration that the service refuses is
-// logged; a system without the transports throws std::runtime_error.
-void bindRpcServices(const RpcRegistration& registration);
+// Registers NFS over TCP and MOUNT over TCP and UDP, in the place of what a server that is gone has
+// left. A registration that the service refuses, as it does while another server has it, is logged;
+// a system without the transports throws std::runtime_error.
+void bindRpcServices(RpcRegistration& registration);
 // Takes them back. Logs and throws as above.
 void unbindRpcServices(const RpcRegistration& registration);
 

@@ -4,6 +4,7 @@
 
 #include "common/log.h"
 #include "nfs3/nfs3_program.h"
+#include "nfs4/nfs4_program.h"
 #include "rpc/rpc_header.h"
 
 #include <array>
@@ -44,6 +45,13 @@ constexpr std::array kNfs3UdpListeners{
     Listener{Udp, Nfs},
 };
 
+// Version 4 needs one port and nobody to look it up.
+constexpr std::array kNfs4Mappings{PortMapping{rpc::kNfsProgram, Tcp, Nfs}};
+constexpr std::array kNfs4Listeners{Listener{Tcp, Nfs}};
+
+std::unique_ptr<rpc::RpcProgram> makeNfs4Program(NfsService&, bool) {
+  return std::make_unique<nfs::Nfs4Program>();
+}
 std::unique_ptr<rpc::RpcProgram> makeNfs3Program(NfsService& service, bool writeEnabled) {
   return std::make_unique<nfs::Nfs3Program>(service, writeEnabled);
 }
@@ -66,13 +74,23 @@ const ServerMode kNfs3Udp{Udp,
                           makeNfs3Program,
                           "NFS3 server via udp has started.",
                           "NFS3 server via udp has stopped."};
+const ServerMode kNfs4{Tcp,
+                       false,
+                       kNfs4Mappings,
+                       kNfs4Listeners,
+                       {},
+                       false,
+                       makeNfs4Program,
+                       "NFS4 server has been started.",
+                       "NFS4 server has been stopped."};
 
 }  // namespace
 
 const ServerMode& modeFor(const NfsMountSpec& settings) {
+  if (settings.version == 4) return kNfs4;
   if (settings.version != 3) {
-    throw std::runtime_error(message(
-        "NFS version [%1] is not served by this release. Ask for version 3.", settings.version));
+    throw std::runtime_error(
+        message("There is no NFS version [%1]. Ask for version 3 or 4.", settings.version));
   }
   return settings.protocol == NfsMountSpec::Protocol::udp ? kNfs3Udp : kNfs3Tcp;
 }

@@ -174,9 +174,9 @@ TEST_F(NfsServerTest, TellsAFailureAtOnceAndLeavesNothing) {
   EXPECT_EQ(server.getNfsPort(), port);
   server.removeExport(kA);
 
-  spec.version = 4;
+  spec.version = 5;
   EXPECT_THAT(failureOf([&] { server.exportFileSystem(kA, tree, spec); }),
-              HasSubstr("NFS version [4] is not served by this release."));
+              HasSubstr("There is no NFS version [5]."));
 }
 
 // The tree may be gone as soon as removeExport has returned, so no request may still be using it.
