@@ -1,6 +1,10 @@
-// Serves a directory with two files until standard input ends.
+// A directory with two files, until standard input ends: mounted on the directory that is named,
+// which needs root and the system's NFS client, or served to clients that need neither.
+//
+//   two_files [MOUNTPOINT]
 
 #include <nfslib/nfs_mount_spec.h>
+#include <nfslib/nfs_mounter.h>
 #include <nfslib/nfs_path.h>
 #include <nfslib/nfs_server.h>
 
@@ -45,16 +49,25 @@ struct Notes : read_only::Directory, nfslib::FileSystem, std::enable_shared_from
       {"more.txt", std::make_shared<Note>(3, "No disk was read for this.\n")}};
 };
 
+void waitForEndOfInput() { std::cin.ignore(std::numeric_limits<std::streamsize>::max()); }
+
 }  // namespace
 
-int main() try {
+int main(int argc, char** argv) try {
   const auto notes = std::make_shared<Notes>();
-  nfslib::NfsServer& server = nfslib::NfsServer::instance();
-  server.exportFileSystem(nfslib::NfsPath("/notes"), *notes, {.skipAddressAlias = true});
-  std::cout << "nfs://127.0.0.1/notes/?nfsport=" << server.getNfsPort()
-            << "&mountport=" << server.getMountPort() << std::endl;
-  std::cin.ignore(std::numeric_limits<std::streamsize>::max());
-  server.removeExport(nfslib::NfsPath("/notes"));
+  const nfslib::NfsMountSpec spec{.skipAddressAlias = true};
+  if (argc > 1) {
+    const nfslib::NfsMounter mounted(argv[1], *notes, spec, nullptr);
+    std::cout << "mounted " << argv[1] << std::endl;
+    waitForEndOfInput();
+  } else {
+    nfslib::NfsServer& server = nfslib::NfsServer::instance();
+    server.exportFileSystem(nfslib::NfsPath("/notes"), *notes, spec);
+    std::cout << "nfs://127.0.0.1/notes/?nfsport=" << server.getNfsPort()
+              << "&mountport=" << server.getMountPort() << std::endl;
+    waitForEndOfInput();
+    server.removeExport(nfslib::NfsPath("/notes"));
+  }
 } catch (const std::exception& e) {
   std::cerr << e.what() << '\n';
   return 1;

@@ -65,7 +65,35 @@ serve_and_compare() {
   kill $server
   wait $server || fail "the tool ended with status $?"
   server=
+  mount_and_compare "$directory" "$tool"
   say "Every file of $directory came through NFS as it is there: every byte is equal."
+}
+
+# Where the kernel has an NFS client, ordinary programs see the directory as well.
+mount_and_compare() {
+  local directory=$1 tool=$2
+  modprobe -q nfs 2>/dev/null || true
+  # In a user namespace root is root of little.
+  if [ "$(id -u)" != 0 ] || [ "$(awk '{ print $3 }' /proc/self/uid_map)" != 4294967295 ] ||
+    ! command -v mount.nfs >/dev/null || ! grep -q '^nodev\snfs$' /proc/filesystems; then
+    say "Not mounting it: that takes root, mount.nfs and an NFS client in the kernel"
+    return
+  fi
+  say "Mounting it and comparing it with diff"
+  mkdir "$work/mount"
+  "$tool" mount "$directory" "$work/mount" >"$work/announcement" 2>"$work/errors" &
+  server=$!
+  for _ in $(seq 600); do
+    grep -q '^mounted' "$work/announcement" && break
+    kill -0 $server 2>/dev/null || fail "the tool ended: $(cat "$work/errors")"
+    sleep 0.05
+  done
+  diff -r --no-dereference "$directory" "$work/mount" >"$work/difference" ||
+    fail "the mounted directory differs: $(head -n 5 "$work/difference")"
+  kill $server
+  wait $server || fail "the tool ended with status $?"
+  server=
+  echo "  no difference"
 }
 
 if [ "${1:-}" = --serve-and-compare ]; then
@@ -97,4 +125,4 @@ c++ -std=c++20 -O2 tests/e2e/libnfs_compare.cpp -lnfs -o build/release/bin/libnf
   { tail -n 30 "$log" >&2; fail "the comparing client could not be built"; }
 
 tests/support/private_network.sh scripts/demo.sh --serve-and-compare "$directory"
-say "To serve it on this machine: sudo build/release/bin/nfslib serve $directory"
+say "To have it mounted: sudo build/release/bin/nfslib mount $directory /mnt"

@@ -1,5 +1,6 @@
-// nfslib: serves a directory, or a tree in memory, over NFS.
+// nfslib: serves a directory, or a tree in memory, over NFS, and mounts it.
 
+#include "mount_commands.h"
 #include "serve_command.h"
 
 #include <exception>
@@ -45,58 +46,87 @@ int groupId(const std::string& group) {
   throw std::runtime_error("There is no group '" + group + "' on this system.");
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  CLI::App app{"Serves a directory, or a tree in memory, over NFS."};
-  app.require_subcommand(1);
-  nfslib::tool::ServeOptions options;
-  NfsMountSpec& spec = options.spec;
-  spec.maxOpenFiles = 128;
-  spec.version = geteuid() == 0 ? 3 : 4;
+// What only the command line knows of the options.
+struct RawOptions {
   std::string group;
   bool alias = false;
+};
 
-  CLI::App* serve = app.add_subcommand("serve", "Serve SOURCE until SIGINT or SIGTERM");
-  serve->add_option("SOURCE", options.source, "A directory, or memory[:SIZE] (default size 256M)")
+void addServeOptions(CLI::App& command, nfslib::tool::ServeOptions& options, RawOptions& raw) {
+  NfsMountSpec& spec = options.spec;
+  command.add_option("SOURCE", options.source, "A directory, or memory[:SIZE] (default size 256M)")
       ->required();
-  serve->add_flag("--rw", spec.writeEnabled, "Let clients change the tree");
-  serve->add_option("--nfs-version", spec.version, "3 or 4 (default: 3 as root, 4 otherwise)")
+  command.add_flag("--rw", spec.writeEnabled, "Let clients change the tree");
+  command.add_option("--nfs-version", spec.version, "3 or 4 (default: 3 as root, 4 otherwise)")
       ->check(CLI::IsMember({3, 4}));
   const std::map<std::string, NfsMountSpec::Protocol> protocols{
       {"tcp", NfsMountSpec::Protocol::tcp}, {"udp", NfsMountSpec::Protocol::udp}};
-  serve->add_option("--proto", spec.protocol, "tcp (default) or udp")
+  command.add_option("--proto", spec.protocol, "tcp (default) or udp")
       ->transform(CLI::CheckedTransformer(protocols));
-  serve->add_option("--nfs-port", spec.useNfsPort, "Port of NFS (default: a free one from 33049)")
+  command.add_option("--nfs-port", spec.useNfsPort, "Port of NFS (default: a free one from 33049)")
       ->check(CLI::Range(1, 65535));
-  serve
-      ->add_option("--mount-port", spec.useMountPort,
-                   "Port of MOUNT (default: a free one from 33050)")
+  command
+      .add_option("--mount-port", spec.useMountPort,
+                  "Port of MOUNT (default: a free one from 33050)")
       ->check(CLI::Range(1, 65535));
-  serve->add_flag("--alias", alias, "Serve on a loopback address of its own (version 3, root)");
-  serve->add_option("--group", group, "Group, by name or number, whose members may use the export");
-  serve->add_option("--max-open-files", spec.maxOpenFiles, "Keep up to twice as many files open")
+  command.add_flag("--alias", raw.alias,
+                   "Serve on a loopback address of its own (version 3, root)");
+  command.add_option("--group", raw.group,
+                     "Group, by name or number, whose members may use the export");
+  command.add_option("--max-open-files", spec.maxOpenFiles, "Keep up to twice as many files open")
       ->check(CLI::Range(1, 1'000'000));
-  serve->add_option("--rsize", spec.rsize, "Bytes that a local mount asks for in one READ")
+  command.add_option("--rsize", spec.rsize, "Bytes that a local mount asks for in one READ")
       ->check(CLI::Range(1024, 1'048'576));
-  serve->add_option("--log-level", options.logLevel, "error, warn (default), info or debug")
+  command.add_option("--log-level", options.logLevel, "error, warn (default), info or debug")
       ->check(CLI::IsMember({"error", "warn", "info", "debug"}));
-  serve->add_option("--log-file", options.logFile, "Append the log to a file");
+  command.add_option("--log-file", options.logFile, "Append the log to a file");
+}
 
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Serves a directory, or a tree in memory, over NFS, and mounts it."};
+  app.require_subcommand(1);
+  nfslib::tool::MountOptions options;
+  NfsMountSpec& spec = options.serve.spec;
+  spec.maxOpenFiles = 128;
+  spec.version = geteuid() == 0 ? 3 : 4;
+  RawOptions raw;
+
+  CLI::App* serve = app.add_subcommand("serve", "Serve SOURCE until SIGINT or SIGTERM");
+  addServeOptions(*serve, options.serve, raw);
+  CLI::App* mount =
+      app.add_subcommand("mount", "Mount SOURCE on MOUNTPOINT until SIGINT or SIGTERM");
+  addServeOptions(*mount, options.serve, raw);
+  mount->add_option("MOUNTPOINT", options.mountPoint, "An existing directory")->required();
+  mount->add_flag("--daemon", options.inBackground, "Go to the background once it is mounted");
+  CLI::App* unmount = app.add_subcommand("unmount", "End the mount on MOUNTPOINT");
+  unmount->add_option("MOUNTPOINT", options.mountPoint, "Where 'nfslib mount' has mounted")
+      ->required();
+  CLI::App* list =
+      app.add_subcommand("list", "List what this machine has mounted with 'nfslib mount'");
+
+  const auto help = [&] {
+    const auto chosen = app.get_subcommands();
+    return " (see 'nfslib " + (chosen.empty() ? "" : chosen.front()->get_name() + " ") + "--help')";
+  };
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
     if (e.get_exit_code() == 0) return app.exit(e);  // --help
-    std::cerr << "nfslib: " << oneLine(e.what()) << " (see 'nfslib serve --help')\n";
+    std::cerr << "nfslib: " << oneLine(e.what()) << help() << '\n';
     return kBadUsage;
   }
   try {
-    if (!group.empty()) spec.allowedGroupId = groupId(group);
-    spec.skipAddressAlias = !alias;
-    nfslib::tool::serve(options);
+    if (!raw.group.empty()) spec.allowedGroupId = groupId(raw.group);
+    spec.skipAddressAlias = !raw.alias;
+    if (*serve) nfslib::tool::serve(options.serve);
+    if (*mount) nfslib::tool::mount(options);
+    if (*unmount) nfslib::tool::unmount(options.mountPoint);
+    if (*list) nfslib::tool::list();
     return 0;
   } catch (const std::invalid_argument& e) {
-    std::cerr << "nfslib: " << oneLine(e.what()) << " (see 'nfslib serve --help')\n";
+    std::cerr << "nfslib: " << oneLine(e.what()) << help() << '\n';
     return kBadUsage;
   } catch (const std::exception& e) {
     std::cerr << "nfslib: " << oneLine(innermost(e)) << '\n';

@@ -6,10 +6,11 @@
 
 #include "source.h"
 #include "spdlog_sink.h"
+#include "stop_signals.h"
 
-#include <csignal>
 #include <filesystem>
 #include <iostream>
+#include <stdexcept>
 
 #include <arpa/inet.h>
 #include <sys/resource.h>
@@ -18,26 +19,6 @@
 namespace nfslib::tool {
 
 namespace {
-
-// Blocked before the library starts threads, which inherit the mask, so that only `wait` takes
-// them.
-class StopSignals {
- public:
-  StopSignals() {
-    sigemptyset(&m_signals);
-    sigaddset(&m_signals, SIGINT);
-    sigaddset(&m_signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &m_signals, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);  // nobody may read our output any more
-  }
-  void wait() const {
-    int received = 0;
-    sigwait(&m_signals, &received);
-  }
-
- private:
-  sigset_t m_signals{};
-};
 
 // An export for the time that it is served.
 class Export {
@@ -58,27 +39,6 @@ class Export {
  private:
   NfsPath m_path;
 };
-
-// The library keeps directories and files open; the usual limit of 1,024 would make that tight.
-void raiseDescriptorLimit() {
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
-  limit.rlim_cur = limit.rlim_max;
-  setrlimit(RLIMIT_NOFILE, &limit);
-}
-
-std::string dotted(unsigned address) {
-  char text[INET_ADDRSTRLEN] = {};
-  inet_ntop(AF_INET, &address, text, sizeof text);
-  return text;
-}
-
-bool hasProgram(const char* name) {
-  for (const char* directory : {"/usr/sbin/", "/sbin/", "/usr/bin/", "/usr/local/bin/"}) {
-    if (access((std::string(directory) + name).c_str(), X_OK) == 0) return true;
-  }
-  return false;
-}
 
 // For a human at a terminal: how to reach the share with a client that this machine has.
 void printHint(const ServeOptions& options, const std::string& path, const std::string& address,
@@ -104,7 +64,30 @@ void printHint(const ServeOptions& options, const std::string& path, const std::
 
 }  // namespace
 
+std::string dotted(unsigned address) {
+  char text[INET_ADDRSTRLEN] = {};
+  inet_ntop(AF_INET, &address, text, sizeof text);
+  return text;
+}
+
+void raiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+bool hasProgram(const char* name) {
+  for (const char* directory : {"/usr/sbin/", "/sbin/", "/usr/bin/", "/usr/local/bin/"}) {
+    if (access((std::string(directory) + name).c_str(), X_OK) == 0) return true;
+  }
+  return false;
+}
+
 void serve(const ServeOptions& options) {
+  if (options.spec.version == 4) {
+    throw std::runtime_error("NFS version 4 is not served yet; ask for --nfs-version 3.");
+  }
   const StopSignals stopSignals;
   raiseDescriptorLimit();
   const Source source = openSource(options.source, options.spec.writeEnabled);

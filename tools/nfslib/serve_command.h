@@ -14,6 +14,16 @@ struct ServeOptions {
   std::string logFile;   // empty: standard error
 };
 
+// An address of the server as text.
+std::string dotted(unsigned address);
+
+// Keeps descriptors plenty: the library keeps directories and files open, and the usual limit of
+// 1,024 would make that tight.
+void raiseDescriptorLimit();
+
+// Whether the program is installed where programs of administrators are.
+bool hasProgram(const char* name);
+
 // Serves until SIGINT or SIGTERM. Throws std::exception when it cannot.
 void serve(const ServeOptions& options);
 
