@@ -1,7 +1,8 @@
-# Sourced by the scripts that mount what the tool serves: a tool and a mount that are gone afterwards.
+# Sourced by the scripts that mount with the kernel's client: a tool and a mount that are gone
+# afterwards, and what tells whether all is well.
 #
 # The script has set $name, which messages and directories show, and got the tool as its first
-# argument. It works in $work, and mounts at $work/mount.
+# argument. It works in $work; serve_and_mount mounts at $work/mount.
 set -euo pipefail
 cd "$(dirname "$0")"
 tool=$1
@@ -16,8 +17,9 @@ finish() {
 }
 trap finish EXIT
 step() { echo "$name: $* (after $SECONDS s)"; }
-fail() { echo "$name: FAILED: $*" >&2; [ ! -e $work/errors ] || cat $work/errors >&2; exit 1; }
-until_true() { for _ in $(seq 200); do "$@" && return; sleep 0.05; done; return 1; }
+fail() { echo "$name: FAILED: $*" >&2; cat $work/errors* >&2 2>/dev/null || true; exit 1; }
+is() { [ "$2" = "$3" ] || fail "$1: [$3] instead of [$2]"; }
+until_true() { for _ in $(seq 600); do "$@" && return; sleep 0.05; done; return 1; }
 value() { sed -n "s/^$1 //p" $work/announcement; }
 
 # serve_and_mount DIRECTORY ro|rw [OPTION...]: the options are the tool's.
@@ -44,6 +46,9 @@ unmount_and_stop() {
   kill "$server"
   wait "$server" || fail "the tool ended with status $?"
   server=
+  quiet_kernel
+}
+quiet_kernel() {
   if dmesg | grep -i -E 'nfs|rpc|error|BUG|WARN'; then fail "the kernel has something to say"; fi
 }
 

@@ -25,7 +25,6 @@ forget() {
   umount $mount || fail "umount"
   mount_served rw
 }
-is() { [ "$2" = "$3" ] || fail "$1: [$3] instead of [$2]"; }
 
 step "cp -a"
 cp -a $original $mount/copied

@@ -6,6 +6,7 @@ import subprocess
 import unittest
 
 import support
+from mount_command_test import kernel_has_nfs
 from udp_client import NfsClient, UdpClient
 
 MOUNT_PROGRAM, NFS_PROGRAM = 100005, 100003
@@ -129,6 +130,32 @@ class SystemPortMapper(unittest.TestCase):
 
     def test_an_address_of_its_own(self):
         self.check("--alias")
+
+    def test_two_servers_take_back_only_what_is_theirs(self):
+        before = programs("127.0.0.1")
+        with support.Server(self.tree) as first:
+            with support.Server(self.tree, "--alias") as second:
+                self.assertNotEqual(first.nfs_port, second.nfs_port)
+            self.assertEqual(programs("127.0.0.1")[(NFS_PROGRAM, 3, "tcp")], first.nfs_port)
+        self.assertEqual(programs("127.0.0.1"), before)
+
+    def test_what_a_killed_server_left_makes_way(self):
+        before = programs("127.0.0.1")
+        killed = support.Server(self.tree, "--nfs-port", 40001, "--mount-port", 40002)
+        killed.kill()
+        self.assertEqual(programs("127.0.0.1")[(NFS_PROGRAM, 3, "tcp")], 40001)
+        with support.Server(self.tree, "--nfs-port", 40003, "--mount-port", 40004) as server:
+            self.assertEqual(programs("127.0.0.1")[(NFS_PROGRAM, 3, "tcp")], 40003)
+            self.assertEqual(exports(server.address)[1], [server.export])
+        self.assertEqual(programs("127.0.0.1"), before)
+
+    def test_a_mount_that_fails_leaves_no_registration(self):
+        if kernel_has_nfs():
+            self.skipTest("it would not fail: the kernel has an NFS client")
+        before = programs("127.0.0.1")
+        mount = support.run(support.TOOL, "mount", self.tree, self.tree, "--nfs-port", 40001, timeout=60)
+        self.assertEqual(mount.returncode, 1, mount.stderr)
+        self.assertEqual(programs("127.0.0.1"), before)
 
     def test_udp(self):
         # This mode registers nothing: its clients are told the ports.

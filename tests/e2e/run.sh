@@ -3,10 +3,10 @@
 #
 #   tests/e2e/run.sh [TEST...]        for example: tests/e2e/run.sh udp_test capture_test.Capture
 #
-# The environment says what is tested: NFSLIB_TOOL, NFSLIB_COMPARE and NFSLIB_CHANGE (programs; the
-# release tool and the clang build's libnfs_compare and libnfs_change unless given), NFSLIB_PATIENCE
-# (a factor for all deadlines), NFSLIB_BIG_FILE_MIB. Tests that lack a program or a privilege are
-# skipped and say why.
+# The environment says what is tested: NFSLIB_TOOL, NFSLIB_COMPARE, NFSLIB_CHANGE and NFSLIB_MOUNTS
+# (programs; the release tool and the clang build's libnfs_compare, libnfs_change and
+# mounts_in_one_process unless given), NFSLIB_PATIENCE (a factor for all deadlines),
+# NFSLIB_BIG_FILE_MIB. Tests that lack a program or a privilege are skipped and say why.
 set -euo pipefail
 cd "$(dirname "$0")"
 export PYTHONDONTWRITEBYTECODE=1

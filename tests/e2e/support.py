@@ -16,6 +16,7 @@ PROJECT = pathlib.Path(__file__).resolve().parents[2]
 TOOL = os.environ.get("NFSLIB_TOOL", str(PROJECT / "build/release/bin/nfslib"))
 COMPARE = os.environ.get("NFSLIB_COMPARE", str(PROJECT / "build/clang/bin/libnfs_compare"))
 CHANGE = os.environ.get("NFSLIB_CHANGE", str(PROJECT / "build/clang/bin/libnfs_change"))
+MOUNTS = os.environ.get("NFSLIB_MOUNTS", str(PROJECT / "build/clang/bin/mounts_in_one_process"))
 # Instrumented builds are slower; the deadlines stretch with them.
 PATIENCE = float(os.environ.get("NFSLIB_PATIENCE", "1"))
 
