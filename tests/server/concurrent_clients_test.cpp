@@ -63,6 +63,36 @@ TEST_P(ConcurrentClientsTest, SeeTheSameTree) {
   EXPECT_EQ(succeeded, 8);
 }
 
+// On a writable export calls come one at a time, but nobody waits for another client to take a
+// reply.
+TEST_P(ConcurrentClientsTest, AreNotHeldUpByOneThatTakesNoReplies) {
+  if (!address::isPortUnused(111, "127.0.0.1", SOCK_STREAM)) GTEST_SKIP() << "port 111 is taken";
+  constexpr unsigned kTransfer = 786'432, kReads = 64, kNfs = 100003, kVersion = 3, kRead = 6;
+  CountingTree tree({"/d"}, {"/d/large"});
+  tree.change("/d/large", [](MetaData& md) { md.size = kTransfer; });
+  NfsServer& server = NfsServer::instance();
+  NfsMountSpec spec;
+  spec.skipAddressAlias = true;
+  spec.writeEnabled = GetParam();
+  const NfsPath path("/tree");
+  server.exportFileSystem(path, tree, spec);
+  {
+    Nfs3Client other(server.getNfsPort());
+    const NfsHandle dir = checked(other.lookup(other.mount(path.str()), "d")).handle;
+    const NfsHandle file = checked(other.lookup(dir, "large")).handle;
+    MemoryStream arguments;
+    arguments << file << std::uint64_t{0} << kTransfer;
+    const auto bytes = arguments.getOutputBuffer();
+    RpcClient silent(SOCK_STREAM, server.getNfsPort());
+    for (unsigned xid = 1; xid <= kReads; ++xid) {
+      silent.send(record(nullCall(xid, kNfs, kVersion, kRead) + Bytes(bytes.begin(), bytes.end())));
+    }
+    EXPECT_EQ(silent.receive(4).size(), 4U);  // it is being answered
+    for (int i = 0; i < 100; ++i) checked(other.getAttributes(file));
+  }
+  server.removeExport(path);
+}
+
 INSTANTIATE_TEST_SUITE_P(Exports, ConcurrentClientsTest, ::testing::Bool(),
                          [](const auto& writable) -> std::string {
                            return writable.param ? "Writable" : "ReadOnly";
