@@ -18,16 +18,15 @@ class Tree {
   Tree& operator=(const Tree&) = delete;
   ~Tree();
 
-  std::uint64_t nextFileId() { return m_nextFileId.fetch_add(1, std::memory_order_relaxed); }
+  std::uint64_t nextFileId() { return ++lastFileId; }
 
-  Space space;  // before the nodes, which give back to it
+  // In front of the nodes: they give back to the one and are numbered by the other.
+  Space space;
+  std::atomic<std::uint64_t> lastFileId{0};
   // Guards the shape of the tree: every directory's entries, parent and removal. The order is this
   // lock, then one node's; no two nodes' locks are held at once.
   WriterFirstMutex lock;
   std::shared_ptr<DirectoryNode> root;
-
- private:
-  std::atomic<std::uint64_t> m_nextFileId{1};
 };
 
 }  // namespace nfslib::hosts::memory

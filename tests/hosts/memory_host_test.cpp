@@ -60,6 +60,13 @@ TEST(MemoryHostTest, WhatDoesNotFitIsRefusedAndChangesNothing) {
   EXPECT_EQ(contentOf(*root->OpenFile("renamed")), std::string(1000, 'z'));
 }
 
+TEST(MemoryHostTest, ObjectsAreNumberedFromTheRootOn) {
+  MemoryFileSystem tree(1U << 20);
+  const auto root = tree.OpenRoot();
+  EXPECT_EQ(root->GetMetaData().fileId, 1U);
+  EXPECT_EQ(root->CreateFile("file")->GetMetaData().fileId, 2U);
+}
+
 TEST(MemoryHostTest, SpaceComesBack) {
   MemoryFileSystem tree(1U << 20);
   const auto root = tree.OpenRoot();
