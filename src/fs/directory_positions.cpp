@@ -7,12 +7,13 @@ namespace nfslib {
 
 std::optional<DirectoryPositions::Position> DirectoryPositions::take(
     const std::shared_ptr<Directory>& dir, bool isRoot, std::uint32_t modifyTime,
-    std::uint64_t cookie) {
+    std::uint64_t cookie, CookieOrder order) {
   const std::lock_guard lock(m_lock);
   auto best = m_positions.end();
   for (auto at = m_positions.begin(); at != m_positions.end(); ++at) {
     const bool same = at->dir == dir || (isRoot && at->isRoot);
-    if (!same || at->modifyTime != modifyTime || at->cookie > cookie) continue;
+    if (!same || at->order != order) continue;
+    if (at->modifyTime != modifyTime || at->cookie > cookie) continue;
     if (best == m_positions.end() || at->cookie > best->cookie) best = at;
   }
   if (best == m_positions.end()) return std::nullopt;

@@ -12,6 +12,9 @@
 
 namespace nfslib {
 
+// Which entries have cookies: all that the host lists, or those but for "." and "..".
+enum class CookieOrder { AllEntries, WithoutSelfAndParent };
+
 // Where listings of one export stopped, so that the next call of a listing goes on there instead of
 // walking the directory from its start, which would make long listings quadratic.
 //
@@ -28,12 +31,14 @@ class DirectoryPositions {
     std::uint32_t modifyTime = 0;    // of the directory when the position was stored
     std::uint64_t cookie = 0;        // of the entry just before the position
     DirectoryIterator it;
+    CookieOrder order = CookieOrder::AllEntries;
   };
 
   // The position of the same directory, unchanged since, that is nearest to `cookie` without being
   // behind it.
   std::optional<Position> take(const std::shared_ptr<Directory>& dir, bool isRoot,
-                               std::uint32_t modifyTime, std::uint64_t cookie);
+                               std::uint32_t modifyTime, std::uint64_t cookie,
+                               CookieOrder order = CookieOrder::AllEntries);
   void store(Position position);
 
  private:

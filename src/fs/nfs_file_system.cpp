@@ -257,11 +257,13 @@ void NfsFileSystem::moveEntry(const std::string& name, const NfsPath& dirPath,
 }
 
 void NfsFileSystem::recordRemoval(const NfsPath& path) {
+  ++m_placeChanges;
   m_handles.forget(path);
   dropCached(path);
 }
 
 void NfsFileSystem::recordMove(const NfsPath& from, const NfsPath& to) {
+  ++m_placeChanges;
   dropCached(from);
   dropCached(to);
   const auto moved = findMetaData(to);
@@ -276,6 +278,13 @@ void NfsFileSystem::recordMove(const NfsPath& from, const NfsPath& to) {
   if (isFile) return;
   dropCachedTree(from);
   dropCachedTree(to);
+}
+
+void recordMove(NfsFileSystem& fromView, const NfsPath& from, NfsFileSystem& toView,
+                const NfsPath& to) {
+  if (&fromView == &toView) return toView.recordMove(from, to);
+  fromView.recordRemoval(from);
+  toView.recordRemoval(to);
 }
 
 void NfsFileSystem::dropCached(const NfsPath& path) {

@@ -12,6 +12,7 @@
 #include "fs/metadata_cache.h"
 #include "fs/replacement_cache.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -100,6 +101,8 @@ class NfsFileSystem {
   // To be called when the entry at `from` was moved to `to`: handles of the object and of
   // everything below it lead to the new place, those of an object that it replaced lead nowhere.
   void recordMove(const NfsPath& from, const NfsPath& to);
+  // How often one of the two was called: as long as this stays, so does every path.
+  std::uint64_t placeChanges() const { return m_placeChanges; }
 
  private:
   std::shared_ptr<Directory> openHostDirectory(const NfsPath& path);
@@ -117,8 +120,13 @@ class NfsFileSystem {
   utility::replacement_cache<NfsPath, std::shared_ptr<File>> m_files;
 
   HandleMap m_handles;
+  std::atomic<std::uint64_t> m_placeChanges = 0;
   const std::shared_ptr<MetaDataCache> m_metaData;  // shared with the wrappers
   DirectoryPositions m_positions;
 };
+
+// The same for a move that may have gone from one export of a tree to another.
+void recordMove(NfsFileSystem& fromView, const NfsPath& from, NfsFileSystem& toView,
+                const NfsPath& to);
 
 }  // namespace nfslib

@@ -1,21 +1,43 @@
 #include "nfs4/nfs4_program.h"
 
 #include "common/log.h"
+#include "common/status.h"
+#include "common/xdr_records.h"
+#include "nfs4/compound.h"
+
+#include <exception>
 
 namespace nfslib::nfs {
 
 using rpc::RpcProgramResult;
 
-RpcProgramResult Nfs4Program::run(MemoryStream&, const rpc::RpcProgramParameters& parameters,
-                                  const rpc::AuthOpaque&) {
+RpcProgramResult Nfs4Program::run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
+                                  const rpc::AuthOpaque& caller) {
   if (parameters.version != kVersion) {
     log().warn("An unexpected NFS version: [%1]", parameters.version);
     return RpcProgramResult::ProcedureUnavailable;
   }
-  log().dbg("NFS procedure: [%1]", parameters.procedure);
+  return runNfs4(stream, parameters.procedure, caller);
+}
+
+RpcProgramResult Nfs4Program::runNfs4(MemoryStream& stream, unsigned procedure,
+                                      const rpc::AuthOpaque& caller) {
   constexpr unsigned kNull = 0;
-  return parameters.procedure == kNull ? RpcProgramResult::Success
-                                       : notImplemented(parameters.procedure);
+  constexpr unsigned kCompound = 1;
+  log().dbg("NFS procedure: [%1]", procedure);
+  if (procedure == kNull) return RpcProgramResult::Success;
+  if (procedure != kCompound) return notImplemented(procedure);
+  try {
+    nfs4::procedures::CCompound::execute(stream, m_service, caller, m_writeEnabled);
+  } catch (const ::OperationError& e) {
+    log().warn("NFS procedure failed. Procedure: [%1]. Result: [%2].", procedure,
+               nameOf(e.result()));
+    stream << e.result() << false;
+  } catch (std::exception& e) {
+    log().errWith(e, "NFS server failed.");
+    return RpcProgramResult::GarbageArguments;
+  }
+  return RpcProgramResult::Success;
 }
 
 RpcProgramResult Nfs4Program::notImplemented(unsigned procedure) {

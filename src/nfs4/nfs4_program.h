@@ -2,21 +2,34 @@
 
 #include "rpc/rpc_program.h"
 
+namespace nfslib {
+class NfsService;
+}  // namespace nfslib
+
 namespace nfslib::nfs {
 
-// NFS version 4: program 100003, version 4, RFC 7530 and RFC 5661. So far it answers NULL, which is
-// enough for a client to find that it has to take version 3.
+// NFS version 4, minor versions 0 and 1: program 100003, version 4, RFC 7530 and RFC 5661.
 //
-// May be run in many threads at once.
+// Keeps no state of its own between calls: clients and sessions are the service's, which must
+// outlive it. May be run in many threads at once.
 class Nfs4Program : public rpc::RpcProgram {
  public:
   static constexpr unsigned kVersion = 4;
+
+  // `writeEnabled`: clients may change the exports.
+  Nfs4Program(NfsService& service, bool writeEnabled)
+      : m_service(service), m_writeEnabled(writeEnabled) {}
 
   rpc::RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                             const rpc::AuthOpaque& caller) override;
 
  private:
+  rpc::RpcProgramResult runNfs4(MemoryStream& stream, unsigned procedure,
+                                const rpc::AuthOpaque& caller);
   static rpc::RpcProgramResult notImplemented(unsigned procedure);
+
+  NfsService& m_service;
+  const bool m_writeEnabled;
 };
 
 }  // namespace nfslib::nfs

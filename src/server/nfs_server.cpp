@@ -68,7 +68,11 @@ void NfsServer::Impl::exportFileSystem(const NfsPath& path, FileSystem& fs,
 void NfsServer::Impl::removeExport(const NfsPath& path) {
   const std::lock_guard lock(m_addressLock);
   try {
-    if (NfsService::removeExport(path)) stopServer();
+    const auto number = findExport(path);
+    if (number) waitForClientsOfLastExport();
+    const bool isLast = NfsService::removeExport(path);
+    releaseObjects(*number);
+    if (isLast) stopServer();
     if (!waitForViews(kPatience)) {
       log().warn("Requests still use the tree of the removed export [%1].", path);
     }
@@ -77,10 +81,22 @@ void NfsServer::Impl::removeExport(const NfsPath& path) {
   }
 }
 
+// Clients that share a server with other exports stay; those of the last one get the time to say
+// goodbye. A client that does not is no reason to go on serving.
+void NfsServer::Impl::waitForClientsOfLastExport() {
+  if (getExportPaths().size() > 1) return;
+  try {
+    waitOnDestroyClients();
+  } catch (const std::exception& e) {
+    log().warn("The server stops while clients use it: [%1]", e.what());
+  }
+}
+
 void NfsServer::Impl::reRunServer(const NfsMountSpec& spec) {
   const std::lock_guard lock(m_addressLock);
   try {
     modeFor(spec);
+    waitOnDestroyClients();
     stopServer();
     m_settings = spec;
     startServer();

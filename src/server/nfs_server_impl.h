@@ -43,6 +43,7 @@ class __attribute__((visibility("hidden"))) NfsServer::Impl : public NfsService 
  private:
   void startServer();
   void stopServer();
+  void waitForClientsOfLastExport();
   void removeAddress();
   bool usesAddressAlias() const;
 

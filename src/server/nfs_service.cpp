@@ -79,6 +79,13 @@ bool NfsService::waitForViews(std::chrono::steady_clock::duration limit) {
   return m_liveViews->changed.wait_for(lock, limit, [&] { return m_liveViews->count <= exported; });
 }
 
+std::optional<std::uint32_t> NfsService::findExport(const NfsPath& path) const {
+  const std::shared_lock lock(m_exportLock);
+  const auto number = m_numbers.find(path);
+  if (number == m_numbers.end()) return std::nullopt;
+  return number->second;
+}
+
 std::vector<NfsPath> NfsService::getExportPaths() const {
   const std::shared_lock lock(m_exportLock);
   std::vector<NfsPath> paths;

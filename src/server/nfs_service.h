@@ -3,13 +3,17 @@
 #include <nfslib/nfs_path.h>
 
 #include "common/nfs_handle.h"
+#include "common/xdr_records.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
+#include <string>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -17,14 +21,17 @@
 namespace nfslib {
 
 class FileSystem;
+class Nfs4Client;
+class Nfs4Session;
 class NfsFileSystem;
 struct NfsMountSpec;
 
 // What every program needs to know of the server, whatever the protocol: the exports, their
-// numbers, and how a file handle leads back to one of them.
+// numbers, and how a file handle leads back to one of them; and the clients and sessions of
+// version 4.
 //
-// Thread-safe. The export lock guards the tables; the drain lock, never held together with it, only
-// carries the news that a view is gone.
+// Thread-safe. The export lock guards the tables of exports, the client lock those of clients; the
+// drain lock only carries the news that a view is gone. No two are held together.
 class NfsService {
  public:
   using NumberedView = std::pair<std::uint32_t, std::shared_ptr<NfsFileSystem>>;
@@ -45,6 +52,8 @@ class NfsService {
   // Waits until the requests that use withdrawn views are done; false when they were not in time.
   bool waitForViews(std::chrono::steady_clock::duration limit);
 
+  // The number of the export at `path`, if there is one.
+  std::optional<std::uint32_t> findExport(const NfsPath& path) const;
   // In no particular order.
   std::vector<NfsPath> getExportPaths() const;
   // The export at `path` or named by `handle`; std::runtime_error when there is none. The handle's
@@ -58,6 +67,27 @@ class NfsService {
   // The second this service was started in; part of every handle that it issues.
   std::uint32_t getGeneration() const { return m_generation; }
 
+  // ---- Clients and sessions of version 4. Defined in nfs4/client_registry.cpp.
+
+  // Empty when there is none.
+  std::shared_ptr<Nfs4Client> findClientByOwner(const std::string& ownerId) const;
+  std::shared_ptr<Nfs4Client> findClientById(const unsigned long& id) const;
+  std::shared_ptr<Nfs4Session> findSessionById(const sessionid& id) const;
+  // A new client, whose id is the number of clients and one, or the next that no client has. It
+  // takes the place of one with the same owner.
+  std::shared_ptr<Nfs4Client> createClient(const ClientOwner& owner, unsigned int minorVersion);
+  // With its sessions.
+  void deleteClientId(unsigned long id);
+  void deleteClientsOf(unsigned int minorVersion);
+  // Cuts `channel` to what the session will keep to.
+  std::shared_ptr<Nfs4Session> createSession(const std::shared_ptr<Nfs4Client>& client,
+                                             std::uint64_t streamId, ChannelAttributes& channel);
+  void destroySession(const sessionid& id);
+  // Waits until no client of minor version 1 is left; throws std::runtime_error after 10 seconds.
+  void waitOnDestroyClients();
+  // Sessions let go of the objects of an export that was withdrawn.
+  void releaseObjects(std::uint32_t fileSystemId);
+
  private:
   // Counts the views that are alive. Views hold it, so that one that outlives the service is safe.
   struct LiveViews {
@@ -70,6 +100,12 @@ class NfsService {
   std::uint32_t m_nextNumber = 1;          // never reused
   std::unordered_map<NfsPath, std::uint32_t> m_numbers;
   std::unordered_map<std::uint32_t, std::shared_ptr<NfsFileSystem>> m_views;
+
+  mutable std::mutex m_clientLock;  // guards the three tables below
+  std::condition_variable m_clientGone;
+  std::map<std::uint64_t, std::shared_ptr<Nfs4Client>> m_clients;
+  std::unordered_map<std::string, std::shared_ptr<Nfs4Client>> m_clientsByOwner;
+  std::map<sessionid, std::shared_ptr<Nfs4Session>> m_sessions;
 
   const std::uint32_t m_generation;
   const std::shared_ptr<LiveViews> m_liveViews;

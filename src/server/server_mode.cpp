@@ -49,8 +49,8 @@ constexpr std::array kNfs3UdpListeners{
 constexpr std::array kNfs4Mappings{PortMapping{rpc::kNfsProgram, Tcp, Nfs}};
 constexpr std::array kNfs4Listeners{Listener{Tcp, Nfs}};
 
-std::unique_ptr<rpc::RpcProgram> makeNfs4Program(NfsService&, bool) {
-  return std::make_unique<nfs::Nfs4Program>();
+std::unique_ptr<rpc::RpcProgram> makeNfs4Program(NfsService& service, bool writeEnabled) {
+  return std::make_unique<nfs::Nfs4Program>(service, writeEnabled);
 }
 std::unique_ptr<rpc::RpcProgram> makeNfs3Program(NfsService& service, bool writeEnabled) {
   return std::make_unique<nfs::Nfs3Program>(service, writeEnabled);

@@ -45,13 +45,15 @@ void printHint(const ServeOptions& options, const std::string& path, const std::
                unsigned nfsPort, unsigned mountPort) {
   if (isatty(STDERR_FILENO) == 0) return;
   const std::string ports = std::to_string(nfsPort), mount = std::to_string(mountPort);
-  const bool isTcp = options.spec.protocol == NfsMountSpec::Protocol::tcp;
+  const bool isVersion4 = options.spec.version == 4;
+  const bool isTcp = isVersion4 || options.spec.protocol == NfsMountSpec::Protocol::tcp;
   if (isTcp && hasProgram("mount.nfs")) {
-    std::cerr << "Mount it, as root:  mount -t nfs -o vers=3,proto=tcp,nolock,port=" << ports
-              << ",mountport=" << mount << (options.spec.writeEnabled ? "" : ",ro") << " '"
-              << address << ':' << path << "' /mnt\n";
+    const std::string own = isVersion4 ? "vers=4" : "vers=3,nolock,mountport=" + mount;
+    std::cerr << "Mount it, as root:  mount -t nfs -o " << own << ",proto=tcp,port=" << ports
+              << (options.spec.writeEnabled ? "" : ",ro") << " '" << address << ':' << path
+              << "' /mnt\n";
   }
-  if (isTcp && hasProgram("nfs-ls")) {
+  if (isTcp && !isVersion4 && hasProgram("nfs-ls")) {
     std::cerr << "List it:  nfs-ls -R 'nfs://" << address << path << "?nfsport=" << ports
               << "&mountport=" << mount << "'\n";
   }
@@ -85,9 +87,6 @@ bool hasProgram(const char* name) {
 }
 
 void serve(const ServeOptions& options) {
-  if (options.spec.version == 4) {
-    throw std::runtime_error("NFS version 4 is not served yet; ask for --nfs-version 3.");
-  }
   const StopSignals stopSignals;
   raiseDescriptorLimit();
   const Source source = openSource(options.source, options.spec.writeEnabled);

@@ -117,8 +117,9 @@ DirectoryIterator CReadDirectory::getDirectoryIterator(const Listing& listing,
 void CReadDirectory::cacheIterator(const Listing& listing, const std::shared_ptr<Directory>& dir,
                                    DirectoryIterator it, std::uint64_t cookie) {
   if (cookie == 0) return;
-  listing.view->positions().store(
-      {hostObject(dir), listing.path.isRootPath(), listing.md.modifyTime, cookie, std::move(it)});
+  listing.view->positions().store({hostObject(dir), listing.path.isRootPath(),
+                                   listing.md.modifyTime, cookie, std::move(it),
+                                   CookieOrder::AllEntries});
 }
 
 }  // namespace nfslib::nfs3::procedures

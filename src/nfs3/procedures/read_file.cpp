@@ -1,6 +1,6 @@
 #include "common/log.h"
 #include "common/xdr_records.h"
-#include "fs/cache_triggers.h"
+#include "fs/file_data.h"
 #include "nfs3/arguments.h"
 #include "nfs3/attributes.h"
 #include "nfs3/limits.h"
@@ -10,21 +10,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <utility>
 
 namespace nfslib::nfs3::procedures {
 
 using nfs::OperationResult;
 
 namespace {
-
-// Below this a copy costs less than the system call that it saves.
-constexpr unsigned kWorthSendingFromFile = 32'768;
-
-std::shared_ptr<IDescriptorFile> descriptorFile(const std::shared_ptr<File>& file) {
-  auto source = std::dynamic_pointer_cast<IDescriptorFile>(hostObject(file));
-  return source && source->ReadDescriptor() >= 0 ? source : nullptr;
-}
 
 // The bytes of data that a reply written from here on can carry: a datagram holds few.
 unsigned roomForData(const MemoryStream& stream) {
@@ -52,20 +43,8 @@ void CReadFile::execute(MemoryStream& stream, NfsService& service) {
   const bool eof = left <= most;
   const std::shared_ptr<File> file = length != 0 ? view->openFile(path) : nullptr;
 
-  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(handle, md)} << length << eof
-         << length;
-  // A large read goes from the host's file to the client without passing through here, if the host
-  // and the transport have it so. Else the host puts the bytes where they are sent from; those that
-  // it leaves alone are zeros.
-  auto source =
-      length >= kWorthSendingFromFile && stream.takesFile() ? descriptorFile(file) : nullptr;
-  if (source) {
-    stream.writeFromFile(std::move(source), offset, length);
-  } else if (file) {
-    const memory::mutable_buffer data = stream.writeZeros(length);
-    file->Read(offset, data.data(), data.size());
-  }
-  stream.writeOpaqueTail(length);
+  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(handle, md)} << length << eof;
+  writeFileData(stream, file, offset, length, SendFromFile::Allowed);
 }
 
 }  // namespace nfslib::nfs3::procedures

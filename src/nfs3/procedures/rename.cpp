@@ -31,12 +31,7 @@ void CRename::execute(MemoryStream& stream, NfsService& service) {
         return OperationResult::NoEntry;
       });
   if (status == OperationResult::OK) {
-    if (&fromDir.view() == &toDir.view()) {
-      toDir.view().recordMove(source, target);
-    } else {
-      fromDir.view().recordRemoval(source);
-      toDir.view().recordRemoval(target);
-    }
+    recordMove(fromDir.view(), source, toDir.view(), target);
   }
   const WccData fromWcc = fromDir.wccData();
   const WccData toWcc = toDir.wccData();

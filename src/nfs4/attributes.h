@@ -1,0 +1,90 @@
+#pragma once
+
+#include <nfslib/metadata.h>
+
+#include "common/memory_stream.h"
+#include "common/nfs_handle.h"
+#include "common/status.h"
+#include "common/xdr_records.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+// The attributes of version 4 (RFC 7530 section 5): which there are, how each is computed, encoded,
+// decoded, set and compared. One table has a row for each; everything here walks it.
+
+namespace nfslib::nfs4 {
+
+// bitmap4: attribute n is bit n % 32 of word n / 32.
+using Bitmap = std::vector<unsigned int>;
+std::string bitmap4ToStr(const Bitmap& bitmap);
+
+// fattr4 as a client sends it: the values that were there.
+struct Nfs4SetAttributes {
+  std::optional<Bitmap> supportedAttributes;
+  std::optional<std::uint32_t> type;
+  std::optional<std::uint32_t> handleExpireType;
+  std::optional<std::uint64_t> change;
+  std::optional<std::uint64_t> size;
+  std::optional<bool> linkSupport;
+  std::optional<bool> symlinkSupport;
+  std::optional<bool> namedAttributes;
+  std::optional<FilesystemId> fileSystemId;
+  std::optional<bool> uniqueHandles;
+  std::optional<std::uint32_t> leaseTime;
+  std::optional<std::uint32_t> readAttributeError;
+  std::optional<std::vector<NfsAce4>> acl;
+  std::optional<std::uint32_t> aclSupport;
+  std::optional<bool> canSetTime;
+  std::optional<bool> casePreserving;
+  std::optional<NfsHandle> handle;
+  std::optional<std::uint64_t> fileId;
+  std::optional<bool> homogeneous;
+  std::optional<std::uint64_t> maxFileSize;
+  std::optional<std::uint32_t> maxName;
+  std::optional<std::uint64_t> maxRead;
+  std::optional<std::uint64_t> maxWrite;
+  std::optional<std::uint32_t> mode;
+  std::optional<bool> noTruncation;
+  std::optional<std::uint32_t> linkCount;
+  std::optional<std::string> owner;
+  std::optional<std::string> ownerGroup;
+  std::optional<nfstime4> timeAccess;  // time_access, and time_access_set
+  std::optional<nfstime4> timeMetaData;
+  std::optional<nfstime4> timeModify;  // time_modify, and time_modify_set
+  std::optional<std::uint64_t> mountedOnFileId;
+  std::optional<Bitmap> supportedExclusiveCreate;
+};
+
+// ---- What an object has
+
+// One value; nothing for an attribute that has none.
+void printAttributeValue(MemoryStream& out, unsigned attribute, const NfsHandle& handle,
+                         const MetaData& md);
+// fattr4 with those of the requested attributes that can be read. The others are left out.
+void printAttributes(MemoryStream& out, const Bitmap& requested, const NfsHandle& handle,
+                     const MetaData& md);
+// Whether every bit is an attribute that can be read.
+bool areReadable(const Bitmap& bitmap);
+
+// ---- What a client sends
+
+// settime4: the client's time, or the server's of now.
+nfstime4 readSetTime(MemoryStream& in);
+void readAttributeValue(MemoryStream& in, unsigned attribute, Nfs4SetAttributes& values);
+// The values of a fattr4 whose bitmap was read already. A bit of an attribute that cannot be set
+// makes `status` AttributeNotSupported; what can be set is decoded all the same.
+Nfs4SetAttributes readWritableAttributes(MemoryStream& in, const Bitmap& bitmap,
+                                         nfs::OperationResult& status);
+// The values of all readable attributes of the bitmap, for a comparison.
+Nfs4SetAttributes readReadableAttributes(MemoryStream& in, const Bitmap& bitmap);
+// Applies what can be set, and returns the bitmap of that, without empty words at its end.
+Bitmap setAttributes(const Nfs4SetAttributes& values, MetaData& md);
+// In the order of their numbers: NotSame at the first that the object does not have,
+// InvalidArgument at rdattr_error, which nobody can compare; OK when there is neither.
+nfs::OperationResult compareAttributes(const Nfs4SetAttributes& values, const NfsHandle& handle,
+                                       const MetaData& md);
+
+}  // namespace nfslib::nfs4

@@ -1,0 +1,24 @@
+#pragma once
+
+#include "common/status.h"
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace nfslib::nfs4 {
+
+constexpr std::size_t kLongestName = 256;  // bytes
+
+// Whether the name leads one level down and nowhere else: no name leads out of an export.
+inline bool isOneComponent(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
+}
+
+inline nfs::OperationResult statusIfTooLong(const std::string& name) {
+  return name.size() > kLongestName ? nfs::OperationResult::FileNameIsTooLong
+                                    : nfs::OperationResult::OK;
+}
+
+}  // namespace nfslib::nfs4

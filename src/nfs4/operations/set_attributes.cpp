@@ -1,0 +1,37 @@
+#include "nfs4/attributes.h"
+#include "nfs4/change.h"
+#include "nfs4/operations.h"
+
+namespace nfslib::nfs4::operations {
+
+using nfs::OperationResult;
+
+OperationResult CSetAttributes::execute(Call& call) {
+  FsObjectStateId stateId;
+  Bitmap bitmap;
+  call.stream >> stateId >> bitmap;
+  checkDecoded(call);
+  log().dbg("Set attributes: state ID [%1], attributes to set [%2]", textOf(stateId),
+            bitmap4ToStr(bitmap));
+
+  auto& object = call.current();
+  OperationResult status = statusUnlessChangeable(object);
+  if (status == OperationResult::OK) status = statusOfStateId(object, stateId);
+  if (status == OperationResult::OK && bitmap.size() > kMostWords) {
+    status = OperationResult::AttributeNotSupported;
+  }
+  const Nfs4SetAttributes values = readWritableAttributes(call.stream, bitmap, status);
+  checkDecoded(call);
+  Bitmap applied;
+  if (status == OperationResult::OK) {
+    status = statusOfHostCall([&] { applied = applyAttributes(object, values); });
+  }
+  // The one result that has a body whatever became of it.
+  call.stream << 34U;
+  const unsigned statusPosition = call.stream.getOutputPosition();
+  call.stream << status << applied;
+  if (status != OperationResult::OK) return status;
+  return call.session().checkResponseSize(statusPosition, call.stream);
+}
+
+}  // namespace nfslib::nfs4::operations

@@ -1,0 +1,73 @@
+#include "common/clock.h"
+#include "common/host_failure.h"
+#include "nfs4/operations.h"
+#include "nfs4/read_write_directory_cache.h"
+
+#include <cstdint>
+
+namespace nfslib::nfs4::operations {
+
+using nfs::OperationResult;
+
+namespace {
+
+constexpr unsigned kFileSync = 2;            // FILE_SYNC4: the host has every byte
+constexpr std::uint64_t kWriteVerifier = 0;  // so nothing is ever lost
+
+OperationResult statusOf(const Call& call, const FsObjectStateId& stateId) {
+  auto& object = call.current();
+  const OperationResult status = statusUnlessFile(object);
+  if (status != OperationResult::OK) return status;
+  if (!object.openFile) object.openFile = object.fileSystem->openFile(object.path);
+  if (!object.openFile) return OperationResult::NoFileHandle;
+  return statusOfStateId(object, stateId);
+}
+
+// The times are those of this server, whatever clock the host has.
+void write(Nfs4Session::FileSystemObject& object, std::uint64_t offset,
+           const memory::const_buffer& data) {
+  object.openFile->Write(offset, data.data(), data.size());
+  object.metaData = object.openFile->GetMetaData();
+  object.metaData.changeTime = object.metaData.modifyTime = utility::currentSeconds();
+  object.openFile->SetMetaData(object.metaData);
+}
+
+// Listings go on with the directory as it is held here.
+void putParentDirectoryToCache(const Nfs4Session::FileSystemObject& object) {
+  const NfsPath parent = object.path.getParentPath();
+  auto& cache = ReadWriteDirectoryCache::instance();
+  const DirectoryKey key{object.handle.fileSystemId, parent.str()};
+  if (!cache.findCachedDirectory(key)) {
+    cache.addDirectoryToCache(key, object.fileSystem->openDirectory(parent));
+  }
+}
+
+}  // namespace
+
+OperationResult CWrite::execute(Call& call) {
+  FsObjectStateId stateId;
+  std::uint64_t offset = 0;
+  unsigned stable = 0;
+  call.stream >> stateId >> offset >> stable;
+  log().dbg("Write: stateId [%1], offset [%2], stable[%3]", textOf(stateId), offset, stable);
+  const memory::const_buffer data = call.stream.readOpaque();
+  checkDecoded(call);
+
+  OperationResult status = statusUnlessChangeable(call.current());
+  if (status == OperationResult::OK) status = statusOf(call, stateId);
+  if (status == OperationResult::OK && data) {
+    auto& object = call.current();
+    status = statusOfHostCall([&] { write(object, offset, data); },
+                              [&](std::string_view) {
+                                log().warn("Failed to write data (%1 bytes) to file [%2]",
+                                           data.size(), object.path);
+                                return OperationResult::HardwareIoError;
+                              });
+    if (status == OperationResult::NoSpaceLeftOnDevice) putParentDirectoryToCache(object);
+  }
+  return respond(call, 38, status, [&] {
+    call.stream << static_cast<unsigned>(data.size()) << kFileSync << kWriteVerifier;
+  });
+}
+
+}  // namespace nfslib::nfs4::operations

@@ -1,0 +1,153 @@
+#pragma once
+
+#include <nfslib/file_system.h>
+#include <nfslib/metadata.h>
+#include <nfslib/nfs_path.h>
+
+#include "common/memory_stream.h"
+#include "common/nfs_handle.h"
+#include "common/status.h"
+#include "common/xdr_records.h"
+#include "fs/nfs_file_system.h"
+#include "fs/replacement_cache.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace nfslib {
+
+class NfsService;
+
+// One session of a client, or the one that stands in for all sessions of minor version 0: its
+// current and saved objects, the files that are open in it, and the replies it can repeat.
+//
+// A COMPOUND takes the session for its whole length (`take`); everything but the constants is used
+// under that lock.
+class Nfs4Session {
+ public:
+  // One object as an operation sees it.
+  struct FileSystemObject {
+    NfsHandle handle;  // generation 0: there is no object; object id 0: the pseudo-root
+    std::shared_ptr<NfsFileSystem> fileSystem;  // empty for the pseudo-root
+    NfsPath path{"/"};
+    MetaData metaData;               // as read when the object became current
+    std::shared_ptr<File> openFile;  // while it is open
+    std::uint32_t stateSequenceId = 0;
+    FixedOpaque<12> stateOther;
+    std::uint64_t placesSeen = 0;  // of the file system, when `path` was right
+
+    bool isSet() const { return handle.generation != 0; }
+    // The directory above all exports.
+    bool isPseudoRoot() const { return handle.objectId == 0; }
+  };
+
+  // The reply of one slot's last COMPOUND.
+  struct CompoundResponse {
+    std::uint32_t sequenceId = 0;
+    std::uint32_t operationsCount = 0;
+    nfs::OperationResult status = nfs::OperationResult::OK;
+    std::vector<std::byte> data;  // the results, that of SEQUENCE first
+  };
+
+  Nfs4Session(const sessionid& id, std::uint64_t clientId, std::uint64_t streamId);
+
+  // For all COMPOUNDs of minor version 0, of every client.
+  static const std::shared_ptr<Nfs4Session>& getDefaultSession();
+
+  const sessionid& id() const { return m_id; }
+  std::uint64_t clientId() const { return m_clientId; }
+  std::unique_lock<std::mutex> take() { return std::unique_lock(m_compoundLock); }
+
+  // ---- Objects. All return whether the current object is another one now.
+
+  FileSystemObject& getCurrentFileSystemObject() { return m_current; }
+  FileSystemObject& getSavedFileSystemObject() { return m_saved; }
+  // The object that the handle names.
+  bool setCurrentFileSystemObject(const NfsService& service, const NfsHandle& handle);
+  // The pseudo-root.
+  bool setCurrentFileSystemObject(const NfsService& service);
+  // The child of the current object, which for the pseudo-root is an export.
+  bool setCurrentFileSystemObject(const NfsService& service, const std::string& name);
+  bool setParentAsCurrentFileSystemObject();
+  void saveCurrentFileSystemObject() { m_saved = m_current; }
+  bool restoreSavedFileSystemObject(const NfsService& service);
+  // Objects last from one COMPOUND to the next, paths do not: those that others have moved are
+  // where they are now, those that are gone are no longer set. To be called when the session was
+  // taken.
+  void followMoves();
+  void releaseObjects(std::uint32_t fileSystemId);
+
+  // ---- Open files. A file is open until it is closed for everybody who opened it, whatever else
+  // becomes current in between; whenever it is current again its open state is found.
+
+  // Who opens: a client opens a file as often as it likes for one owner, and closes it once.
+  using OpenOwner = std::pair<std::uint64_t, std::string>;
+  // The current object's file was opened. False when the owner had it open before.
+  bool opened(std::shared_ptr<File> file, const OpenOwner& owner);
+  // The current object's file is closed for one of its owners. True when that was the last one.
+  bool closed();
+
+  // The verifiers of files that were made exclusively: who sends the same one made it.
+  void rememberExclusive(std::uint64_t fileId, const verifier4& verifier);
+  bool madeExclusively(std::uint64_t fileId, const verifier4& verifier);
+
+  // ---- Limits and the replies that can be repeated
+
+  // Cuts the attributes to what this server keeps to, and stores them.
+  void applyChannelAttributes(ChannelAttributes& channel);
+  const ChannelAttributes& foreChannel() const { return m_foreChannel; }
+
+  // Empty when the slot has none.
+  std::shared_ptr<CompoundResponse> findCachedResponse(unsigned slot) const;
+  const std::shared_ptr<CompoundResponse>& getCurrentResponse() const { return m_response; }
+  void setCurrentResponse(std::shared_ptr<CompoundResponse> response);
+  // The results from here on, which `reply` gets, are to be kept for the slot. False when the
+  // session has no room for another slot.
+  bool prepareToCache(unsigned slot, unsigned sequenceId, const MemoryStream& reply);
+  // At the end of a COMPOUND: keeps what was recorded, or appends what is repeated.
+  void flush(MemoryStream& reply, nfs::OperationResult status, unsigned operationsCount);
+  // The bytes of the results so far, as the limits count them.
+  unsigned responseSize(const MemoryStream& reply) const;
+  // Whether the result that has its status at `statusPosition` fits the limits. If not, its status
+  // is replaced and its body cut off.
+  nfs::OperationResult checkResponseSize(unsigned statusPosition, MemoryStream& reply) const;
+
+ private:
+  using FileKey = std::pair<std::uint32_t, std::uint64_t>;  // number of the export, object id
+  struct OpenFile {
+    std::set<OpenOwner> owners;
+    std::shared_ptr<File> file;  // not kept when there are too many
+    NfsPath path{"/"};           // that it was opened by
+  };
+
+  static FileKey keyOf(const NfsHandle& handle) { return {handle.fileSystemId, handle.objectId}; }
+  bool setCurrent(const NfsHandle& handle, std::shared_ptr<NfsFileSystem> fileSystem, NfsPath path,
+                  MetaData metaData);
+  void findOpenState();
+  template <class Set>
+  static bool orFalse(const Set& set);
+
+  const sessionid m_id;
+  const std::uint64_t m_clientId;
+  [[maybe_unused]] const std::uint64_t m_streamId;  // of the request that made the session
+
+  std::mutex m_compoundLock;  // guards what follows; outermost but for the request lock
+  FileSystemObject m_current;
+  FileSystemObject m_saved;
+  std::map<FileKey, OpenFile> m_openFiles;
+  utility::replacement_cache<std::uint64_t, verifier4> m_exclusive;  // by file id
+  ChannelAttributes m_foreChannel;
+  std::map<unsigned, std::shared_ptr<CompoundResponse>> m_responses;  // by slot
+  std::shared_ptr<CompoundResponse> m_response;                       // being recorded, or repeated
+  std::optional<unsigned> m_recordStart;  // where in the reply recording began
+};
+
+}  // namespace nfslib
