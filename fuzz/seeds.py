@@ -157,6 +157,93 @@ def connection():
           record(words(1, 0, 2, NFS, 3, 0, 0, 0, 0, LARGEST)) + record(null))
 
 
+def operations():
+    """(name, operations of one COMPOUND of minor version 0 behind PUTROOTFH)."""
+    def op(number, arguments=b""):
+        return words(number) + arguments
+
+    def put(number):
+        return op(22, handle(number))
+
+    def bitmap(*bits):
+        return words(len(bits), *bits)
+
+    def opened(name, how=words(0), claim=0):
+        return op(18, words(0, 3, 0) + longs(1) + opaque(b"owner") + how + words(claim) +
+                  (opaque(name) if claim == 0 else b""))
+
+    state = words(0) + bytes(12)
+    getattr_all = op(9, bitmap(0xEC1ABFFF, 0xB0803E))
+    get_handle = op(10)
+    everything = bitmap(0xFFFFFFFF, 0xFFFFFFFF, 0xFF)
+    # size 3, mode, owner, group, both times
+    settable = bitmap(0x10, 0x00410032)
+    values = opaque(longs(3) + words(0o640) + opaque(b"1000") + opaque(b"100") + words(1) + longs(5) +
+                    words(0) + words(0))
+    yield "root", [getattr_all, get_handle, op(3, words(0x3F)), op(16),
+                   op(26, longs(0) + bytes(8) + words(512, 4096) + everything)]
+    yield "lookup", [op(15, opaque(b"tree")), getattr_all, op(15, opaque(b"directory")), op(16), get_handle]
+    for name in (b"..", b"", b"a/b", b"none"):
+        yield f"lookup-{name.hex() or 'empty'}", [put(ROOT), op(15, opaque(name))]
+    for name, number in (("file", FILE), ("link", LINK), ("directory", DIRECTORY), ("old", OLD),
+                         ("elsewhere", ELSEWHERE), ("unknown", UNKNOWN)):
+        yield f"object-{name}", [put(number), getattr_all, op(3, words(0x3F)), op(32), op(31), op(27)]
+    yield "verify", [put(FILE), op(37, bitmap(0x10) + opaque(longs(300))),
+                     op(17, bitmap(0x10) + opaque(longs(300)))]
+    yield "open-read-close", [put(ROOT), opened(b"file"), get_handle, op(25, state + longs(0) + words(300)),
+                              op(25, state + longs(2**64 - 1) + words(LARGEST)), op(4, words(1) + state)]
+    yield "open-by-handle", [put(FILE), opened(b"", claim=4), op(38, state + longs(2) + words(2) + opaque(b"data")),
+                             getattr_all, op(4, words(1) + state), op(25, state + longs(0) + words(1))]
+    for name, how in (("unchecked", words(1, 0) + settable + values), ("guarded", words(1, 1) + settable + values),
+                      ("exclusive", words(1, 2) + bytes(8)), ("exclusive-4-1", words(1, 3) + bytes(8) + settable + values),
+                      ("mode-9", words(1, 9))):
+        yield f"create-{name}", [put(ROOT), opened(b"new", how), put(ROOT), opened(b"new", how)]
+    yield "setattr", [put(FILE), op(34, state + settable + values), getattr_all]
+    yield "setattr-unknown", [put(FILE), op(34, state + everything + opaque(bytes(40)))]
+    yield "changes", [put(DIRECTORY), op(6, words(2) + opaque(b"made") + settable + values), put(DIRECTORY),
+                      op(6, words(5) + opaque(b"to") + opaque(b"link") + bitmap() + opaque(b"")), put(FILE),
+                      op(32), put(DIRECTORY), op(11, opaque(b"second")), put(DIRECTORY), op(32), put(ROOT),
+                      op(29, opaque(b"second") + opaque(b"moved")), op(28, opaque(b"moved"))]
+    yield "readdir", [put(DIRECTORY), op(26, longs(0) + bytes(8) + words(100, 600) + everything),
+                      op(26, longs(3) + bytes(8) + words(100, 600) + everything),
+                      op(26, longs(2**64 - 1) + bytes(8) + words(100, LARGEST) + bitmap(0))]
+    yield "readdir-length", [put(DIRECTORY), op(26, longs(0) + bytes(8) + words(100, 600, LARGEST))]
+    yield "client", [op(35, bytes(8) + opaque(b"owner") + words(0x40000000) + opaque(b"tcp") + opaque(b"0.0.0.0") +
+                        words(1)), op(36, longs(1) + bytes(8))]
+    yield "illegal", [op(2)]
+    yield "not-supported", [op(12, bytes(40))]
+
+
+def compounds(*bodies):
+    return b"".join(struct.pack(">H", len(body)) + body for body in bodies)
+
+
+def compound_body(minor, operations_list):
+    return opaque(b"tag") + words(minor, len(operations_list)) + b"".join(operations_list)
+
+
+def compound():
+    for name, operations_list in operations():
+        write("compound", name, compounds(compound_body(0, [words(24)] + operations_list)))
+    write("compound", "minor-2", compounds(compound_body(2, [words(24)])))
+    write("compound", "count", compounds(opaque(b"") + words(0, LARGEST)))
+    write("compound", "tag-length", compounds(words(LARGEST, 0, 0)))
+    channel = words(0, 1 << 20, 1 << 20, 4096, 16, 64, 0)
+    exchange = words(42) + bytes(8) + opaque(b"owner") + words(0x101, 0, 0)
+    security = words(2, 0, 1, 0) + opaque(b"host") + words(0, 0, 1, 5)
+    create = words(43) + longs(1) + words(1, 0) + channel + channel + words(0x40000000) + security
+    session = struct.pack("<QQ", 1, 1)
+    for cached in (0, 1):
+        sequence = words(53) + session + words(1, 0, 63, cached)
+        work = compound_body(1, [sequence, words(22) + handle(FILE), words(9, 2, 0xEC1ABFFF, 0xB0803E)])
+        write("compound", f"session-{cached}", compounds(
+            compound_body(1, [exchange]), compound_body(1, [create]), work, work,
+            compound_body(1, [words(44) + session]), compound_body(1, [words(57) + longs(1)])))
+    gss = words(1, 6, 1) + opaque(b"from server") + opaque(b"from client")
+    write("compound", "gss", compounds(compound_body(1, [exchange]), compound_body(
+        1, [words(43) + longs(1) + words(1, 0) + channel + channel + words(0) + gss])))
+
+
 def records():
     integers = words(0, 1, LARGEST, 7)
     time_stamp = longs(1_700_000_000) + words(5)
@@ -193,5 +280,6 @@ def path():
 if __name__ == "__main__":
     rpc_call()
     connection()
+    compound()
     records()
     path()

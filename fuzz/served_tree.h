@@ -8,6 +8,7 @@
 #include "fs/nfs_file_system.h"
 #include "memory/memory_file_system.h"
 #include "nfs3/nfs3_program.h"
+#include "nfs4/nfs4_program.h"
 #include "rpc/mount_program.h"
 #include "rpc/portmap_program.h"
 #include "rpc/rpc_server.h"
@@ -23,13 +24,13 @@
 
 namespace nfslib::fuzz {
 
-// A small tree behind all programs of version 3, made anew for each input.
+// A small tree behind all programs of one version, made anew for each input.
 //
 // An input cannot know the handles of this run. Where it has the 15 bytes "nfslib-fuzz-obj" and one
 // more byte, the handle of an object of the tree takes their place.
 class ServedTree {
  public:
-  ServedTree() {
+  explicit ServedTree(unsigned version = nfs::Nfs3Program::kVersion) {
     const auto root = m_tree.OpenRoot();
     root->CreateFile("empty");
     const auto file = root->CreateFile("file");
@@ -58,9 +59,18 @@ class ServedTree {
     portMapper->map(rpc::kMountProgram, 33050, portmap::kUdp, nfs::Nfs3Program::kVersion);
     m_server.registerProgram(rpc::kPortmapProgram, std::move(portMapper));
     m_server.registerProgram(rpc::kMountProgram, std::make_unique<mount::MountProgram>(m_service));
-    m_server.registerProgram(rpc::kNfsProgram,
-                             std::make_unique<nfs::Nfs3Program>(m_service, spec.writeEnabled));
+    if (version == nfs::Nfs4Program::kVersion) {
+      m_server.registerProgram(rpc::kNfsProgram,
+                               std::make_unique<nfs::Nfs4Program>(m_service, spec.writeEnabled));
+    } else {
+      m_server.registerProgram(rpc::kNfsProgram,
+                               std::make_unique<nfs::Nfs3Program>(m_service, spec.writeEnabled));
+    }
   }
+  // The session of minor version 0 outlives the tree.
+  ~ServedTree() { m_service.releaseObjects(kFirstExport); }
+  ServedTree(const ServedTree&) = delete;
+  ServedTree& operator=(const ServedTree&) = delete;
 
   rpc::RpcServer& server() { return m_server; }
 
@@ -79,6 +89,8 @@ class ServedTree {
   }
 
  private:
+  static constexpr std::uint32_t kFirstExport = 1;
+
   testing::RecordedLog m_log;  // every line is put together
   hosts::MemoryFileSystem m_tree{1 << 20};
   NfsService m_service;

@@ -1,11 +1,13 @@
 # Sourced by the scripts that mount with the kernel's client: a tool and a mount that are gone
 # afterwards, and what tells whether all is well.
 #
-# The script has set $name, which messages and directories show, and got the tool as its first
-# argument. It works in $work; serve_and_mount mounts at $work/mount.
+# The script has set $name, which messages and directories show, perhaps $version (3, 4.0, 4.1, or 4
+# for what the client comes down to), and got the tool as its first argument. It works in $work;
+# serve_and_mount mounts at $work/mount.
 set -euo pipefail
 cd "$(dirname "$0")"
 tool=$1
+version=${version:-3}
 work=/run/$name
 mount=$work/mount
 server=
@@ -27,25 +29,32 @@ serve_and_mount() {
   local directory=$1 mode=$2
   shift 2
   mkdir -p $mount
-  "$tool" serve "$directory" "$@" >$work/announcement 2>$work/errors &
+  "$tool" serve "$directory" --nfs-version ${version%.*} "$@" >$work/announcement 2>$work/errors &
   server=$!
   until_true grep -q '^ready$' $work/announcement || fail "the tool did not get ready"
   step "mounting"
   dmesg --clear
   mount_served $mode
-  grep " $mount nfs $mode," /proc/mounts || fail "it is not mounted as asked"
+  grep " $mount nfs4* $mode,.*,vers=$version[.,].*proto=tcp" /proc/mounts || fail "it is not mounted as asked"
 }
+# mount_served ro|rw [POINT [OPTION]]
 mount_served() {
-  mount -t nfs -o "$1,vers=3,proto=tcp,nolock,port=$(value nfs-port),mountport=$(value mount-port)" \
-    "$(value address):$(value export)" $mount || fail "mount"
+  local options=$1,vers=$version,proto=tcp,port=$(value nfs-port)${3:+,$3}
+  case $version in
+    3) options+=,nolock,mountport=$(value mount-port) ;;
+    *) options+=,wsize=524288 ;; # a WRITE and what is around it have to fit a record
+  esac
+  mount -t nfs -o $options "$(value address):$(value export)" ${2:-$mount} || fail "mount"
 }
 
 unmount_and_stop() {
   step "unmounting"
+  local begin=$SECONDS
   timeout 60 umount $mount || fail "umount"
   kill "$server"
   wait "$server" || fail "the tool ended with status $?"
   server=
+  [ $((SECONDS - begin)) -le 15 ] || fail "unmounting and ending took $((SECONDS - begin)) s"
   quiet_kernel
 }
 quiet_kernel() {

@@ -52,9 +52,9 @@ traces() {
 nothing_left() { is "what is there after $1" "$before" "$(traces)"; }
 
 list() { "$tool" list >$work/list || fail "list"; }
-# listed POINT SOURCE STATE: with version 3.
+# listed POINT SOURCE STATE [VERSION]: with version 3 unless given.
 listed() {
-  grep -Fxq "$2"$'\t'"$at/$1"$'\t3\t'"${process[$1]}"$'\t'"$3" $work/list ||
+  grep -Fxq "$2"$'\t'"$at/$1"$'\t'"${4:-3}"$'\t'"${process[$1]}"$'\t'"$3" $work/list ||
     fail "not listed: $* in: $(cat $work/list)"
 }
 # Ask the server again.
@@ -198,8 +198,18 @@ rmdir target || fail "the target of a link is not free"
 cd $work
 nothing_left "odd mount points"
 
-step "version 4 and 3"
+step "version 4"
+mount_at four $tree --nfs-version 4
+list
+listed four $tree served 4
+same_trees $tree $at/four "version 4"
+kill ${process[four]}
+ended four
+nothing_left "version 4"
+
+step "version 3 where 4 cannot be mounted"
 quiet_kernel
+rmmod nfsv4 || fail "rmmod"
 mount_at fallback $tree --nfs-version 4
 list
 listed fallback $tree served

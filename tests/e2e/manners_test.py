@@ -7,9 +7,12 @@ import socket
 import subprocess
 import unittest
 
+import nfs4_client
 import support
 
 USAGE, FAILURE = 2, 1
+UNPRIVILEGED = ("setpriv", "--bounding-set=-all", "--inh-caps=-all", "--reuid=65534", "--regid=65534",
+                "--clear-groups")
 
 
 class BadInput(unittest.TestCase):
@@ -60,7 +63,6 @@ class BadInput(unittest.TestCase):
                     (["serve", file], [str(file)]),
                     (["serve", directory, "--group", "no-such-group"], ["no-such-group"]),
                     (["serve", directory, "--log-file", log], [str(log)]),
-                    (["serve", directory, "--nfs-version", "4"], ["4"]),
             ):
                 done = support.run(support.TOOL, *arguments, timeout=15)
                 self.assertIn(done.returncode, (USAGE, FAILURE))
@@ -75,21 +77,48 @@ class BadInput(unittest.TestCase):
             for option in ("--nfs-port", "--mount-port"):
                 self.refused(FAILURE, "serve", directory, option, str(port), mentions=[str(port)])
 
-    def test_no_privilege_for_port_111(self):
+    def give_privilege_away(self):
         if os.geteuid() != 0:
             self.skipTest("needs privilege to give away")
-        setpriv = support.program("setpriv")
+        support.program("setpriv")
+        done = support.run(*UNPRIVILEGED, support.TOOL, "--help")
+        if done.returncode != 0:
+            self.skipTest(f"an ordinary user cannot reach the tool here: {done.stderr.decode()}")
+
+    def test_no_privilege_for_port_111(self):
+        self.give_privilege_away()
         with support.scratch() as directory:
             directory.chmod(0o755)
-            done = support.run(setpriv, "--bounding-set=-all", "--inh-caps=-all", "--reuid=65534",
-                               "--regid=65534", "--clear-groups", support.TOOL, "serve", directory,
-                               "--nfs-version", "3", timeout=15)
-            if b"ermission denied" in done.stderr and b"exec" in done.stderr:
-                self.skipTest("an ordinary user cannot reach the tool here")
+            done = support.run(*UNPRIVILEGED, support.TOOL, "serve", directory, "--nfs-version", "3",
+                               timeout=15)
             said = done.stderr.decode()
             self.assertEqual(done.returncode, FAILURE, said)
             self.assertEqual(len(said.splitlines()), 1, said)
             self.assertIn("111", said)
+
+    def test_version_4_needs_no_privilege(self):
+        self.give_privilege_away()
+        before = support.listening_sockets()
+        with support.scratch() as directory:
+            directory.chmod(0o755)
+            (directory / "file").write_text("content")
+            # Without a version: an ordinary user gets 4.
+            for options in (), ("--nfs-version", 4):
+                with support.Server(directory, *options, before=UNPRIVILEGED) as server, \
+                        nfs4_client.Nfs4Client(server.address, server.nfs_port, 1) as client:
+                    self.assertEqual([line.split()[0] for line in server.lines],
+                                     ["export", "address", "nfs-port", "ready"])
+                    self.assertEqual(server.address, "127.0.0.1")
+                    listening = support.listening_sockets() - before
+                    ports = {(kind, int(address.split(":")[1], 16)) for kind, address in listening}
+                    self.assertEqual(ports, {("tcp", server.nfs_port)})
+                    self.assertGreaterEqual(server.nfs_port, 1024)
+                    client.call(0).end()
+                    client.begin()
+                    found = client.done("PUTROOTFH", ("LOOKUP", nfs4_client.opaque(server.export[1:].encode())), (
+                        "LOOKUP", nfs4_client.opaque(b"file")), ("GETATTR", nfs4_client.bitmap(nfs4_client.SIZE)))
+                    self.assertEqual(found[-1], {nfs4_client.SIZE: 7})
+                    client.end()
 
     def test_help_is_not_an_error(self):
         for arguments in (["--help"], ["serve", "--help"]):
@@ -156,6 +185,13 @@ class Life(unittest.TestCase):
         with support.Server("memory:64M", "--rw") as server:
             done = support.run(support.program("nfs-ls"), "-R", server.url())
             self.assertEqual((done.returncode, done.stdout), (0, b""), done.stderr)
+        with support.Server("memory:64M", "--rw", "--nfs-version", 4) as server, \
+                nfs4_client.Nfs4Client(server.address, server.nfs_port, 0) as client:
+            client.begin()
+            root = ("PUTROOTFH", ("LOOKUP", nfs4_client.opaque(server.export[1:].encode())))
+            name = nfs4_client.opaque(b"directory")
+            client.done(*root, ("CREATE", nfs4_client.words(nfs4_client.DIRECTORY) + name + nfs4_client.attributes()))
+            client.done(*root, ("LOOKUP", name), "LOOKUPP")
 
     def test_the_log(self):
         with support.scratch() as directory:

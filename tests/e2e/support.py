@@ -56,13 +56,13 @@ def scratch():
 
 
 class Server:
-    """`nfslib serve SOURCE OPTIONS`, from its line `ready` on."""
+    """`nfslib serve SOURCE OPTIONS`, from its line `ready` on; `before` is the start of the command."""
 
-    def __init__(self, source, *options, ready_within=10):
+    def __init__(self, source, *options, ready_within=10, before=()):
         self.diagnostics = tempfile.TemporaryFile()
         started = time.monotonic()
         self.process = subprocess.Popen(
-            [TOOL, "serve", os.fspath(source), *map(str, options)], env=ENVIRONMENT,
+            [*before, TOOL, "serve", os.fspath(source), *map(str, options)], env=ENVIRONMENT,
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self.diagnostics)
         try:
             self._read_announcement(started + ready_within * PATIENCE)
@@ -86,7 +86,7 @@ class Server:
         self.export = values["export"]
         self.address = values["address"]
         self.nfs_port = int(values["nfs-port"])
-        self.mount_port = int(values["mount-port"])
+        self.mount_port = int(values.get("mount-port", 0))  # version 4 has none
 
     def url(self, path="/"):
         """The libnfs URL of an object of the tree. libnfs takes each byte as it is, but for "?"."""
