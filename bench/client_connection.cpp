@@ -31,11 +31,11 @@ std::uint64_t nanosecondsNow() {
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-std::vector<std::byte> makeCallHeader(std::uint32_t program) {
+std::vector<std::byte> makeCallHeader(std::uint32_t program, std::uint32_t version) {
   std::byte buffer[256];
   Encoder header(buffer);
   header.beginRecord();
-  header.word(0).word(0).word(2).word(program).word(kVersion).word(0);  // xid, CALL, ..., procedure
+  header.word(0).word(0).word(2).word(program).word(version).word(0);  // xid, CALL, ..., procedure
   std::byte credentials[128];
   Encoder authSys(credentials);
   authSys.word(0).opaque("nfslib-bench").word(0).word(0).word(0);  // stamp, name, uid, gid, groups
@@ -47,8 +47,9 @@ std::vector<std::byte> makeCallHeader(std::uint32_t program) {
 }  // namespace
 
 ClientConnection::ClientConnection(const std::string& host, unsigned short port,
-                                   std::uint32_t program, unsigned slots, std::size_t largestCall)
-    : m_callHeader(makeCallHeader(program)),
+                                   std::uint32_t program, std::uint32_t version, unsigned slots,
+                                   std::size_t largestCall)
+    : m_callHeader(makeCallHeader(program, version)),
       m_slots(slots),
       m_output(slots * largestCall),
       m_out(m_output),

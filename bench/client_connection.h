@@ -22,9 +22,10 @@ class ClientConnection {
   // The results of a call, that is what follows the accept status, and how long it took.
   using Results = std::function<void(unsigned slot, Decoder results, std::uint64_t nanoseconds)>;
 
-  // Connects. `slots` calls of up to `largestCall` bytes can be in flight.
+  // Connects; `version` is that of the program. `slots` calls of up to `largestCall` bytes can be
+  // in flight.
   ClientConnection(const std::string& host, unsigned short port, std::uint32_t program,
-                   unsigned slots, std::size_t largestCall);
+                   std::uint32_t version, unsigned slots, std::size_t largestCall);
   ~ClientConnection();
   ClientConnection(const ClientConnection&) = delete;
   ClientConnection& operator=(const ClientConnection&) = delete;

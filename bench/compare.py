@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Measures whole NFS version 3 calls over TCP: the tool, an echo server and NFS-Ganesha side by side.
+"""Measures whole NFS calls over TCP, of version 3 and 4.1: the tool, an echo server and NFS-Ganesha side by side.
 
 Run by scripts/bench.sh, as root, on a network of its own. Every server gets a network of its own
 beneath that one, so each has its port 111. In every round the servers take turns; what is compared
@@ -43,18 +43,22 @@ class Case:
     """One kind of load, the servers that take it in turn, and what the first has to reach."""
 
     def __init__(self, name, measure, arguments, ours="tool", echo=None, peer=None, has_echo=True,
-                 cold=False):
-        self.name, self.measure, self.arguments = name, measure, arguments
-        self.ours = ours
+                 cold=False, version=3):
+        self.name, self.measure, self.arguments, self.version = name, measure, arguments, version
+        self.ours = ours if version == 3 else ours + "4"
         self.targets = {"echo": echo, "peer": peer}
-        self.servers = [ours] + (["echo"] if has_echo else []) + ["peer"]
+        self.servers = [self.ours] + (["echo"] if has_echo else []) + ["peer"]
         self.cold = cold  # servers that were just started do it once
 
 
-def read_case(in_flight):
+def read_case(in_flight, **options):
     arguments = ["read", "--path", "large", "--size", TRANSFER, "--in-flight", in_flight]
-    return Case(f"READ 768 KiB, {in_flight} in flight", "megabytes_per_second", arguments,
-                echo=0.85, peer=1.2)
+    return Case(f"READ 768 KiB, {in_flight} in flight", "megabytes_per_second", arguments, **options)
+
+
+def version4(case):
+    case.name = "4.1 " + case.name
+    return case
 
 
 LISTING = ["readdirplus", "--path", "many", "--entries", LARGE_DIRECTORY]
@@ -63,13 +67,23 @@ CASES = [
          echo=0.8, peer=3),
     Case("LOOKUP in 1,000, 32 in flight", "calls_per_second",
          ["lookup", "--path", "few", "--entries", SMALL_DIRECTORY, "--in-flight", 32], peer=3),
-    read_case(1),
-    read_case(8),
+    read_case(1, echo=0.85, peer=1.2),
+    read_case(8, echo=0.85, peer=1.2),
     Case("READDIRPLUS of 100,000, first", "entries_per_second", LISTING, peer=1.2, has_echo=False,
          cold=True),
     Case("READDIRPLUS of 100,000, again", "entries_per_second", LISTING, peer=1.2, has_echo=False),
     Case("READDIRPLUS of 100,000, memory host", "entries_per_second", LISTING, ours="memory",
          peer=2.5, has_echo=False),
+    *map(version4, [
+        Case("GETATTR, 32 in flight", "calls_per_second", ["getattr", "--in-flight", 32], echo=0.7,
+             peer=3, version=4),
+        read_case(1, echo=0.8, peer=2, version=4),
+        read_case(8, echo=0.8, peer=2, version=4),
+        Case("READDIR of 100,000", "entries_per_second", ["readdir", *LISTING[1:]], peer=1,
+             has_echo=False, version=4),
+        Case("READDIR of 100,000, memory host", "entries_per_second", ["readdir", *LISTING[1:]],
+             ours="memory", peer=2, has_echo=False, version=4),
+    ]),
 ]
 START_TARGET = 50  # milliseconds from start to "ready"
 IDLE_TARGET = 64  # KiB a connection
@@ -102,6 +116,7 @@ class Server:
     """
 
     def __init__(self, name, command, access, end, client, log):
+        self.version = 4 if name.endswith("4") else 3
         self.name, self.access, self.end, self.client, self.log = name, access, end, client, log
         with open(log, "w") as errors:
             self.process = subprocess.Popen([PRIVATE_NETWORK, *map(str, command)], text=True,
@@ -122,19 +137,19 @@ class Server:
         if self.access is None:
             lines = dict(read_announcement(self.process))
             self.access = ["--host", lines["address"], "--nfs-port", lines["nfs-port"],
-                           "--mount-port", lines["mount-port"], "--export", lines["export"]]
+                           "--mount-port", lines.get("mount-port", 0), "--export", lines["export"]]
         deadline = time.monotonic() + START_LIMIT
         while True:
             try:
-                return self.load("getattr", "--calls", 1)
+                return self.load(self.version, "getattr", "--calls", 1)
             except subprocess.CalledProcessError as error:
                 if time.monotonic() > deadline or self.process.poll() is not None:
                     sys.exit(f"{self.name} does not answer: {error.stderr}{self.log.read_text()}")
                 time.sleep(0.1)
 
-    def load(self, *arguments):
+    def load(self, version, *arguments):
         command = ["nsenter", f"--net=/proc/{self.process.pid}/ns/net", self.client,
-                   *map(str, arguments), *map(str, self.access)]
+                   "--nfs-version", str(version), *map(str, arguments), *map(str, self.access)]
         done = subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE)
         return json.loads(done.stdout)
@@ -152,10 +167,14 @@ def read_announcement(process):
 def make_server(name, options, work):
     tree = options.tree
     ports = ["--nfs-port", NFS_PORT, "--mount-port", MOUNT_PORT]
+    only4 = ["--nfs-version", 4, *ports[:2]]
     command, access, end = {
         "tool": ([options.tool, "serve", tree, *ports], None, signal.SIGTERM),
         "memory": ([options.clients / "memory_server", "--files", LARGE_DIRECTORY, *ports], None,
                    signal.SIGTERM),
+        "tool4": ([options.tool, "serve", tree, *only4], None, signal.SIGTERM),
+        "memory4": ([options.clients / "memory_server", "--files", LARGE_DIRECTORY, *only4], None,
+                    signal.SIGTERM),
         "echo": ([options.clients / "echo_server", "--port", NFS_PORT, "--file", tree / "large"],
                  ports[:2], signal.SIGTERM),
         # What is started here is the parent of a process namespace, which ignores SIGTERM.
@@ -178,8 +197,8 @@ def running_servers(names, options):
 
 def verify(servers):
     """Every server delivers the whole file, byte by byte, before speed counts."""
-    for name in ("tool", "echo", "peer"):
-        servers[name].load("read", "--path", "large", "--size", TRANSFER, "--in-flight", 4,
+    for version, name in ((3, "tool"), (3, "echo"), (3, "peer"), (4, "tool4"), (4, "echo"), (4, "peer")):
+        servers[name].load(version, "read", "--path", "large", "--size", TRANSFER, "--in-flight", 4,
                            "--calls", FILE_SIZE // TRANSFER, "--seconds", 600, "--verify-data")
 
 
@@ -189,9 +208,9 @@ def measure(case, servers, options):
         for name in case.servers:
             if case.cold:
                 with running_servers([name], options) as fresh:
-                    load = fresh[name].load(*case.arguments, "--seconds", 0)
+                    load = fresh[name].load(case.version, *case.arguments, "--seconds", 0)
             else:
-                load = servers[name].load(*case.arguments, "--seconds", options.seconds,
+                load = servers[name].load(case.version, *case.arguments, "--seconds", options.seconds,
                                           "--warm-up", 0.3)
             results[name].append(load[case.measure])
     return {name: statistics.median(rounds) for name, rounds in results.items()}
@@ -275,7 +294,7 @@ def print_limit(name, value, unit, target):
 def compare(options):
     """Prints the table and returns whether a target was missed."""
     missed = False
-    with running_servers(("tool", "memory", "echo", "peer"), options) as servers:
+    with running_servers(("tool", "memory", "tool4", "memory4", "echo", "peer"), options) as servers:
         verify(servers)
         print(ROW.format("case", "unit", "nfslib", "echo", "peer", "nfslib / echo", "nfslib / peer"))
         print(ROW.format(*["---"] * 7))

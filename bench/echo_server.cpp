@@ -1,7 +1,7 @@
 // The ceiling of a server with one thread a connection, one receive and one send a call: it answers
-// NFS version 3 calls with messages of the right shape and size, and knows nothing of exports,
-// handles or names. READ and WRITE do to one given file what a server has to do: one pread or
-// pwrite.
+// NFS calls of version 3 and 4.1 with messages of the right shape and size, and knows nothing of
+// exports, sessions, handles or names. READ and WRITE do to one given file what a server has to do:
+// one pread or pwrite.
 
 #include "wire.h"
 
@@ -102,7 +102,8 @@ class Connection {
 
   void answer(Decoder call) {
     const std::uint32_t xid = call.word();
-    call.take(16);  // CALL, RPC version, program, version
+    call.take(12);  // CALL, RPC version, program
+    const std::uint32_t version = call.word();
     const auto procedure = static_cast<Procedure>(call.word());
     for (int i = 0; i < 2; ++i) {  // credentials and verifier
       call.word();
@@ -110,6 +111,7 @@ class Connection {
     }
     m_out.word(xid).word(1).zeros(16);  // REPLY, accepted, null verifier, SUCCESS
     if (procedure == Procedure::Null) return;
+    if (version == 4) return answerCompound(call);
     call.opaque();  // the handle
     switch (procedure) {
       case Procedure::GetAttr:
@@ -122,16 +124,12 @@ class Connection {
         optionalAttributes();
         return;
       case Procedure::Read: {
-        const auto offset = static_cast<off_t>(call.hyper());
+        const std::uint64_t offset = call.hyper();
         const std::uint32_t count = call.word();
         m_out.word(0);
         optionalAttributes();
-        m_out.word(count).word(0).word(count);
-        std::byte* const data = m_out.space(padded(count));
-        if (pread(m_file.descriptor, data, count, offset) != static_cast<ssize_t>(count)) {
-          throw std::runtime_error("READ past the end of the file");
-        }
-        return;
+        m_out.word(count).word(0);
+        return readFile(offset, count);
       }
       case Procedure::Write: {
         const auto offset = static_cast<off_t>(call.hyper());
@@ -152,6 +150,46 @@ class Connection {
         break;
     }
     throw std::runtime_error("a procedure that has no echo");
+  }
+
+  // SEQUENCE, PUTFH, and GETATTR or READ.
+  void answerCompound(Decoder call) {
+    call.opaque();  // the tag
+    call.take(8);   // minor version, number of operations
+    m_out.word(0).word(0).word(3);
+    call.word();
+    const auto session = call.take(kSessionIdSize);
+    done(Operation::Sequence).bytes(session).bytes(call.take(8)).zeros(12);
+    call.take(8 + 4);
+    call.opaque();
+    done(Operation::PutFh);
+    const auto operation = static_cast<Operation>(call.word());
+    done(operation);
+    if (operation == Operation::GetAttr) {
+      m_out.word(2).word(kAttributes4[0]).word(kAttributes4[1]);
+      m_out.word(kAttributes4Size).zeros(kSizeInAttributes4).hyper(m_file.size);
+      m_out.zeros(kAttributes4Size - kSizeInAttributes4 - 8);
+    } else if (operation == Operation::Read) {
+      call.take(kStateIdSize);
+      const std::uint64_t offset = call.hyper();
+      m_out.word(0);
+      readFile(offset, call.word());
+    } else {
+      throw std::runtime_error("an operation that has no echo");
+    }
+  }
+
+  Encoder& done(Operation operation) {
+    return m_out.word(static_cast<std::uint32_t>(operation)).word(0);
+  }
+
+  void readFile(std::uint64_t offset, std::uint32_t count) {
+    m_out.word(count);
+    std::byte* const data = m_out.space(padded(count));
+    if (pread(m_file.descriptor, data, count, static_cast<off_t>(offset)) !=
+        static_cast<ssize_t>(count)) {
+      throw std::runtime_error("READ past the end of the file");
+    }
   }
 
   bool sendReply() {
@@ -206,7 +244,7 @@ void run(unsigned short port, const std::string& path) {
 }  // namespace bench
 
 int main(int argc, char** argv) {
-  CLI::App app("Answers NFS version 3 calls with empty messages of the right size.");
+  CLI::App app("Answers NFS calls with empty messages of the right size.");
   unsigned short port = 0;
   std::string file;
   app.add_option("--port", port, "TCP port on 127.0.0.1")->required();

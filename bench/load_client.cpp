@@ -1,8 +1,9 @@
-// Keeps a number of equal NFS version 3 calls in flight on one TCP connection, checks every reply,
-// and prints one line of JSON with what came back.
+// Keeps a number of equal NFS calls, of version 3 or 4.1, in flight on one TCP connection, checks
+// every reply, and prints one line of JSON with what came back.
 
 #include "client_connection.h"
 #include "load_operations.h"
+#include "load_version4.h"
 
 #include <algorithm>
 #include <chrono>
@@ -24,6 +25,7 @@ struct Options {
   unsigned short mountPort = 0;
   std::string exportPath;
   std::string path;
+  unsigned version = 3;
   unsigned inFlight = 1;
   double seconds = 1;
   double warmUp = 0;
@@ -92,12 +94,36 @@ class Run {
   double m_seconds = 0;
 };
 
-void measure(Options options) {
-  constexpr std::size_t kFakeHandleSize = 16;
+constexpr std::size_t kFakeHandleSize = 16;
+
+void runAndPrint(const Options& options, ClientConnection& connection, LoadOperation& operation) {
+  Run run(connection, operation, options.inFlight);
+  if (options.warmUp > 0) run.run(options.warmUp, 0);
+  run.run(options.seconds, options.calls);
+  run.print(options.operation);
+}
+
+void measure4(Options options) {
+  constexpr std::uint32_t kVersion = 4;
+  ClientConnection connection(options.host, options.nfsPort, kNfsProgram, kVersion,
+                              options.inFlight, kMaxHeaders);
+  const bool isReal = !options.exportPath.empty();
+  Session4 session(connection, options.inFlight, isReal);
+  LoadTarget& target = options.target;
+  target.handle = isReal ? session.lookupPath(options.exportPath + "/" + options.path)
+                         : Handle(kFakeHandleSize, '\0');
+  if (options.operation == "read") target.fileSize = session.sizeOf(target.handle);
+  const auto operation = makeOperation4(options.operation, target, session);
+  runAndPrint(options, connection, *operation);
+  session.end();
+}
+
+void measure3(Options options) {
+  constexpr std::uint32_t kVersion = 3;
   const std::size_t largestCall =
       kMaxHeaders + (options.operation == "write" ? options.target.transfer : 0);
-  ClientConnection connection(options.host, options.nfsPort, kNfsProgram, options.inFlight,
-                              largestCall);
+  ClientConnection connection(options.host, options.nfsPort, kNfsProgram, kVersion,
+                              options.inFlight, largestCall);
   const Handle root = options.mountPort == 0
                           ? Handle(kFakeHandleSize, '\0')
                           : mountExport(options.host, options.mountPort, options.exportPath);
@@ -107,27 +133,27 @@ void measure(Options options) {
     target.fileSize = sizeOf(connection, target.handle);
   }
   const auto operation = makeOperation(options.operation, target);
-  Run run(connection, *operation, options.inFlight);
-  if (options.warmUp > 0) run.run(options.warmUp, 0);
-  run.run(options.seconds, options.calls);
-  run.print(options.operation);
+  runAndPrint(options, connection, *operation);
 }
 
 }  // namespace
 }  // namespace bench
 
 int main(int argc, char** argv) {
-  CLI::App app("Loads an NFS version 3 server with equal calls over one TCP connection.");
+  CLI::App app("Loads an NFS server with equal calls over one TCP connection.");
   bench::Options options;
   app.add_option("operation", options.operation, "What to call")
       ->required()
-      ->check(CLI::IsMember({"null", "getattr", "lookup", "read", "write", "readdirplus"}));
+      ->check(
+          CLI::IsMember({"null", "getattr", "lookup", "read", "write", "readdirplus", "readdir"}));
   app.add_option("--host", options.host, "IPv4 address of the server");
   app.add_option("--nfs-port", options.nfsPort, "Port of the NFS program")->required();
-  auto* const mountPort = app.add_option("--mount-port", options.mountPort,
-                                         "Port of the MOUNT program; without it a handle of zeros "
-                                         "is used, which suits the echo server");
-  app.add_option("--export", options.exportPath, "Path of the export")->needs(mountPort);
+  app.add_option("--nfs-version", options.version, "3, or 4 for version 4.1")
+      ->check(CLI::IsMember({3, 4}));
+  app.add_option("--mount-port", options.mountPort,
+                 "Port of the MOUNT program; without it (version 4: without an export) a handle of "
+                 "zeros is used, which suits the echo server");
+  app.add_option("--export", options.exportPath, "Path of the export");
   app.add_option("--path", options.path,
                  "What to act on, relative to the export; the export itself "
                  "when not given");
@@ -138,15 +164,15 @@ int main(int argc, char** argv) {
   app.add_option("--size", options.target.transfer, "Bytes of a read or write")
       ->check(CLI::Range(std::size_t{1}, bench::kMaxTransfer));
   app.add_option("--entries", options.target.entries,
-                 "lookup: names file-000000 and so on to choose from; readdirplus: entries that "
-                 "a listing has to have")
+                 "lookup: names file-000000 and so on to choose from; readdirplus and readdir: "
+                 "entries that a listing has to have")
       ->check(CLI::PositiveNumber);
   app.add_flag("--verify-data", options.target.verifyData,
                "read: every eight bytes must hold their offset, lowest byte first");
   app.add_flag("--stable", options.target.stable, "write: FILE_SYNC instead of UNSTABLE");
   CLI11_PARSE(app, argc, argv);
   try {
-    bench::measure(options);
+    options.version == 4 ? bench::measure4(options) : bench::measure3(options);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "load_client: %s: %s\n", options.operation.c_str(), e.what());
     return 1;

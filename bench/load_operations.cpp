@@ -3,7 +3,6 @@
 #include <array>
 #include <cstdio>
 #include <random>
-#include <span>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -12,7 +11,6 @@
 namespace bench {
 namespace {
 
-constexpr std::uint32_t kPageSize = 32768;  // dircount and maxcount
 constexpr std::uint32_t kUnstable = 0;
 constexpr std::uint32_t kFileSync = 2;
 
@@ -25,11 +23,6 @@ void requireOk(Decoder& results) {
 void requireAttributes(Decoder& results) {
   if (results.word() != 1) throw std::runtime_error("a reply without attributes");
   results.take(kAttributesSize);
-}
-
-Handle takeHandle(Decoder& results) {
-  const auto bytes = results.opaque();
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
 class Null final : public LoadOperation {
@@ -84,32 +77,6 @@ class Lookup final : public LoadOperation {
   std::minstd_rand m_random;  // the same names in every run
 };
 
-// READ and WRITE go through the file from its start, in whole transfers, and start again at its
-// end.
-class Transfer : public LoadOperation {
- public:
-  explicit Transfer(LoadTarget target) : LoadOperation(std::move(target)) {
-    if (m_target.fileSize < m_target.transfer) {
-      throw std::runtime_error("the file is smaller than one transfer");
-    }
-  }
-
- protected:
-  std::uint64_t nextOffset(unsigned slot) {
-    if (m_next + m_target.transfer > m_target.fileSize) m_next = 0;
-    return m_offsets.at(slot) = std::exchange(m_next, m_next + m_target.transfer);
-  }
-  std::uint64_t offset(unsigned slot) const { return m_offsets.at(slot); }
-  void requireWholeTransfer(std::uint32_t count) {
-    if (count != m_target.transfer) throw std::runtime_error("a transfer was cut short");
-    bytes += count;
-  }
-
- private:
-  std::uint64_t m_next = 0;
-  std::array<std::uint64_t, ClientConnection::kMaxSlots> m_offsets = {};
-};
-
 class Read final : public Transfer {
  public:
   using Transfer::Transfer;
@@ -126,21 +93,10 @@ class Read final : public Transfer {
     requireWholeTransfer(results.word());
     results.word();  // end of file
     const auto data = results.opaque();
-    requireWholeTransferOf(data.size());
-    if (m_target.verifyData) verify(data, offset(slot));
-  }
-
- private:
-  void requireWholeTransferOf(std::size_t size) const {
-    if (size != m_target.transfer) throw std::runtime_error("READ's count and data differ");
-  }
-  // Every eight bytes of the test file hold their own offset, the lowest byte first.
-  static void verify(std::span<const std::byte> data, std::uint64_t at) {
-    for (std::size_t i = 0; i + 8 <= data.size(); i += 8) {
-      if (__builtin_bswap64(fromWire<std::uint64_t>(data.data() + i)) != at + i) {
-        throw std::runtime_error("wrong data at offset " + std::to_string(at + i));
-      }
+    if (data.size() != m_target.transfer) {
+      throw std::runtime_error("READ's count and data differ");
     }
+    verify(data, slot);
   }
 };
 
@@ -237,6 +193,37 @@ void callOnce(ClientConnection& connection, Procedure procedure, Arguments&& arg
 
 }  // namespace
 
+Handle takeHandle(Decoder& results) {
+  const auto bytes = results.opaque();
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+Transfer::Transfer(LoadTarget target) : LoadOperation(std::move(target)) {
+  if (m_target.fileSize < m_target.transfer) {
+    throw std::runtime_error("the file is smaller than one transfer");
+  }
+}
+
+std::uint64_t Transfer::nextOffset(unsigned slot) {
+  if (m_next + m_target.transfer > m_target.fileSize) m_next = 0;
+  return m_offsets.at(slot) = std::exchange(m_next, m_next + m_target.transfer);
+}
+
+void Transfer::requireWholeTransfer(std::size_t count) {
+  if (count != m_target.transfer) throw std::runtime_error("a transfer was cut short");
+  bytes += count;
+}
+
+void Transfer::verify(std::span<const std::byte> data, unsigned slot) const {
+  if (!m_target.verifyData) return;
+  const std::uint64_t at = m_offsets.at(slot);
+  for (std::size_t i = 0; i + 8 <= data.size(); i += 8) {
+    if (__builtin_bswap64(fromWire<std::uint64_t>(data.data() + i)) != at + i) {
+      throw std::runtime_error("wrong data at offset " + std::to_string(at + i));
+    }
+  }
+}
+
 std::unique_ptr<LoadOperation> makeOperation(const std::string& name, LoadTarget target) {
   if (name == "null") return std::make_unique<Null>(std::move(target));
   if (name == "getattr") return std::make_unique<GetAttr>(std::move(target));
@@ -248,7 +235,7 @@ std::unique_ptr<LoadOperation> makeOperation(const std::string& name, LoadTarget
 }
 
 Handle mountExport(const std::string& host, unsigned short port, const std::string& path) {
-  ClientConnection connection(host, port, kMountProgram, 1, kMaxHeaders);
+  ClientConnection connection(host, port, kMountProgram, 3, 1, kMaxHeaders);
   Handle handle;
   callOnce(
       connection, kMountMnt, [&](Encoder& call) { call.opaque(path); },

@@ -2,14 +2,18 @@
 
 #include "client_connection.h"
 
+#include <array>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 
 namespace bench {
 
 using Handle = std::string;
+
+constexpr std::uint32_t kPageSize = 32768;  // dircount and maxcount of a listing
 
 // What the calls of an operation act on.
 struct LoadTarget {
@@ -42,10 +46,29 @@ class LoadOperation {
   const LoadTarget m_target;
 };
 
+// READ and WRITE go through the file from its start, in whole transfers, and start again at its
+// end.
+class Transfer : public LoadOperation {
+ public:
+  explicit Transfer(LoadTarget target);
+
+ protected:
+  std::uint64_t nextOffset(unsigned slot);
+  void requireWholeTransfer(std::size_t count);
+  // If that is asked for: every eight bytes of the test file hold their own offset, the lowest byte
+  // first.
+  void verify(std::span<const std::byte> data, unsigned slot) const;
+
+ private:
+  std::uint64_t m_next = 0;
+  std::array<std::uint64_t, ClientConnection::kMaxSlots> m_offsets = {};
+};
+
 // `name` is null, getattr, lookup, read, write or readdirplus.
 std::unique_ptr<LoadOperation> makeOperation(const std::string& name, LoadTarget target);
 
 // Single calls, for setting up.
+Handle takeHandle(Decoder& results);
 Handle mountExport(const std::string& host, unsigned short port, const std::string& path);
 // Follows the components of `path` down from `root`.
 Handle lookupPath(ClientConnection& connection, const Handle& root, const std::string& path);

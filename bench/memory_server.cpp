@@ -57,6 +57,7 @@ int main(int argc, char** argv) {
   nfslib::NfsMountSpec spec;
   spec.skipAddressAlias = true;  // 127.0.0.1
   unsigned files = 0;
+  app.add_option("--nfs-version", spec.version, "3 or 4")->check(CLI::IsMember({3, 4}));
   app.add_option("--nfs-port", spec.useNfsPort, "Port of the NFS program");
   app.add_option("--mount-port", spec.useMountPort, "Port of the MOUNT program");
   app.add_option("--files", files, "Number of files")->required();

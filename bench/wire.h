@@ -15,11 +15,18 @@ namespace bench {
 constexpr std::uint32_t kLastFragment = 0x80000000;
 constexpr std::uint32_t kNfsProgram = 100003;
 constexpr std::uint32_t kMountProgram = 100005;
-constexpr std::uint32_t kVersion = 3;
 constexpr std::uint32_t kAuthSys = 1;
 constexpr std::size_t kMarkSize = 4;
 constexpr std::size_t kAttributesSize = 84;  // fattr3
 constexpr std::size_t kSizeInAttributes = 20;
+// The attributes that a Linux client asks for, as far as this library has them: type, change, size,
+// fsid, fileid; mode, numlinks, owner, owner_group, the three times, mounted_on_fileid.
+constexpr std::uint32_t kAttributes4[2] = {0x0010'011A, 0x00B0'803A};
+constexpr std::size_t kAttributes4Size = 112;  // with owners of one digit
+constexpr std::size_t kSizeInAttributes4 = 12;
+constexpr std::size_t kSessionIdSize = 16;
+constexpr std::size_t kStateIdSize = 16;
+constexpr std::size_t kSequenceResultSize = kSessionIdSize + 20;
 constexpr std::size_t kMaxTransfer = 1 << 20;  // of one READ or WRITE
 constexpr std::size_t kMaxHeaders = 4096;      // of any call or reply around its data
 
@@ -32,6 +39,25 @@ enum class Procedure : std::uint32_t {
   ReadDirPlus = 17,
 };
 constexpr auto kMountMnt = static_cast<Procedure>(1);
+constexpr auto kCompound = static_cast<Procedure>(1);
+
+// Of version 4.
+enum class Operation : std::uint32_t {
+  GetAttr = 9,
+  GetFh = 10,
+  Lookup = 15,
+  Open = 18,
+  PutFh = 22,
+  PutRootFh = 24,
+  Read = 25,
+  ReadDir = 26,
+  ExchangeId = 42,
+  CreateSession = 43,
+  DestroySession = 44,
+  Sequence = 53,
+  DestroyClientId = 57,
+  ReclaimComplete = 58,
+};
 
 constexpr std::size_t padded(std::size_t size) { return (size + 3) / 4 * 4; }
 
