@@ -22,8 +22,9 @@ struct NfsAce4 {
 struct MetaData {
   /// Object type, numbered as ftype3 of RFC 1813: see `FileType`.
   std::uint32_t type = 0;
-  /// The object's identity: unique in its file system, the same for the object's whole life. File
-  /// handles are made from it, and open handles are found by its low 32 bits: let those differ too.
+  /// The object's identity: unique in its file system, never 0, the same for the object's whole
+  /// life. File handles are made from it, and open handles are found by its low 32 bits: let those
+  /// differ too.
   std::uint64_t fileId = 0;
   std::uint64_t size = 0;        ///< bytes; also reported as the space used
   std::uint32_t linkCount = 0;   ///< number of names (hard links)
