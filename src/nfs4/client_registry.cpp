@@ -90,7 +90,9 @@ std::shared_ptr<Nfs4Session> NfsService::findSessionById(const sessionid& id) co
 
 std::shared_ptr<Nfs4Client> NfsService::createClient(const ClientOwner& owner,
                                                      unsigned int minorVersion) {
-  if (const auto before = findClientByOwner(owner.ownerId)) deleteClientId(before->getId());
+  // One of the other minor version stays, under its id: it may be a live client of the same name.
+  const auto before = findClientByOwner(owner.ownerId);
+  if (before && before->getMinorVersion() == minorVersion) deleteClientId(before->getId());
   const std::lock_guard lock(m_clientLock);
   std::uint64_t id = m_clients.size() + 1;
   while (m_clients.contains(id)) ++id;

@@ -16,6 +16,9 @@ inline bool isOneComponent(std::string_view name) {
          name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
 }
 
+// NFS4_OPAQUE_LIMIT, RFC 7530 section 2.1: the longest name that an owner gives itself.
+constexpr std::size_t kLongestOwner = 1024;  // bytes
+
 inline nfs::OperationResult statusIfTooLong(const std::string& name) {
   return name.size() > kLongestName ? nfs::OperationResult::FileNameIsTooLong
                                     : nfs::OperationResult::OK;

@@ -18,6 +18,8 @@ constexpr std::size_t kMaxSlots = 1024;
 // Open files beyond this number are opened anew when they are used, so that a client that never
 // closes anything does not use up the host's descriptors.
 constexpr std::size_t kMaxHeldFiles = 1024;
+constexpr std::size_t kMaxOpenFiles = 65'536;
+constexpr std::size_t kMaxOwners = 1024;  // of one open file
 constexpr std::size_t kMaxExclusive = 256;
 
 }  // namespace
@@ -158,7 +160,13 @@ void Nfs4Session::findOpenState() {
 }
 
 bool Nfs4Session::opened(std::shared_ptr<File> file, const OpenOwner& owner) {
-  OpenFile& known = m_openFiles[keyOf(m_current.handle)];
+  const FileKey key = keyOf(m_current.handle);
+  const auto at = m_openFiles.find(key);
+  const bool isFull = at == m_openFiles.end() ? m_openFiles.size() == kMaxOpenFiles
+                                              : at->second.owners.size() == kMaxOwners &&
+                                                    !at->second.owners.contains(owner);
+  if (isFull) throw nfs::NfsOperationError(OperationResult::Resource);
+  OpenFile& known = m_openFiles[key];
   const bool isNew = known.owners.insert(owner).second;
   known.path = m_current.path;
   if (m_openFiles.size() <= kMaxHeldFiles) known.file = file;

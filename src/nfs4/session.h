@@ -90,7 +90,8 @@ class Nfs4Session {
 
   // Who opens: a client opens a file as often as it likes for one owner, and closes it once.
   using OpenOwner = std::pair<std::uint64_t, std::string>;
-  // The current object's file was opened. False when the owner had it open before.
+  // The current object's file was opened. False when the owner had it open before. Throws
+  // NfsOperationError(Resource) when the session has too much open already.
   bool opened(std::shared_ptr<File> file, const OpenOwner& owner);
   // The current object's file is closed for one of its owners. True when that was the last one.
   bool closed();

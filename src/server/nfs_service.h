@@ -74,7 +74,7 @@ class NfsService {
   std::shared_ptr<Nfs4Client> findClientById(const unsigned long& id) const;
   std::shared_ptr<Nfs4Session> findSessionById(const sessionid& id) const;
   // A new client, whose id is the number of clients and one, or the next that no client has. It
-  // takes the place of one with the same owner.
+  // takes the place of one of the same owner and minor version.
   std::shared_ptr<Nfs4Client> createClient(const ClientOwner& owner, unsigned int minorVersion);
   // With its sessions.
   void deleteClientId(unsigned long id);

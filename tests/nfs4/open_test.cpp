@@ -179,6 +179,23 @@ TEST_P(OpenTest, OpenStateIsTheFilesOwnAndIsCounted) {
   EXPECT_EQ(status(at("/d/l").read()), kIsLink);
 }
 
+// What a client opens is kept until it is closed, so there is an end to it.
+TEST_P(OpenTest, OwnersOfAFileAreNotWithoutNumberOrLength) {
+  serve();
+  const auto openFor = [&](const std::string& owner) {
+    return status(at("/d").open(kNoCreate, byName("f"), owner));
+  };
+  EXPECT_EQ(openFor(std::string(1025, 'o')), 10036U);
+  for (int i = 0; i < 1024; ++i) ASSERT_EQ(openFor("owner" + std::to_string(i)), kOk);
+  EXPECT_EQ(openFor("one more"), 10018U);
+  EXPECT_EQ(openFor("owner7"), kOk);
+  EXPECT_EQ(status(at("/d/f").close()), kOk);
+  EXPECT_EQ(openFor("one more"), kOk);
+  // The session of minor version 0 lasts.
+  for (int i = 0; i < 1024; ++i) EXPECT_EQ(status(at("/d/f").close()), kOk);
+  EXPECT_EQ(read("/d/f"), "10020");
+}
+
 TEST_P(OpenTest, SessionsCountForThemselves) {
   serve(true);
   ClientSession other = makeSession("other");

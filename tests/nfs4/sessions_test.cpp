@@ -239,6 +239,14 @@ TEST_F(SessionsTest, NobodyTakesTheIdOfALiveClient) {
   EXPECT_EQ(run(first, {}).status, kOk);
   EXPECT_NE(numberAt(send4(0, set), 0), 1U);
   EXPECT_NE(service.findClientByOwner("first"), nullptr);
+  // Nor where it has the same name.
+  const auto named = [](const std::string& owner) {
+    return Compound().add(op::kSetClientId, std::uint64_t{1}, owner, 1U, ""s, ""s, 2U);
+  };
+  EXPECT_EQ(send4(0, named("first")).status, kOk);
+  EXPECT_EQ(run(first, {}).status, kOk);
+  EXPECT_EQ(send4(0, named(std::string(1024, 'n'))).status, kOk);
+  EXPECT_EQ(send4(0, named(std::string(1025, 'n'))).status, 10036U);  // NFS4_OPAQUE_LIMIT
 }
 
 }  // namespace

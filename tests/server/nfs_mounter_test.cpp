@@ -85,30 +85,13 @@ TEST_F(NfsMounterTest, MountsUnderPathsOfTheirOwnAndTakesThemAway) {
 
 // The sink is the host's from the constructor to the destructor.
 TEST_F(NfsMounterTest, UsesTheHostsLog) {
-  struct Sink : INfsLibLogSection {
-    explicit Sink(std::vector<std::string>& kept) : lines(kept) {}
-    void info(const std::string& line) override { lines.push_back(line); }
-    void info(int, const std::string&) override {}
-    void addSessionInfo(const std::string&) override {}
-    void dbg(const std::string&) override {}
-    void dbg(int, const std::string&) override {}
-    void warn(const std::string&) override {}
-    void warn(std::exception&) override {}
-    void warn(const std::string&, std::exception&) override {}
-    void addSessionWarn(const std::string&) override {}
-    void err(const std::string&) override {}
-    void err(const std::string&, std::exception&) override {}
-    void err(std::exception&) override {}
-    void addSessionErr(const std::string&) override {}
-    std::vector<std::string>& lines;
-  };
-  std::vector<std::string> lines;
-  { NfsMounter mounter("/", tree, spec, std::make_unique<Sink>(lines)); }
-  EXPECT_THAT(lines, Contains("Unmounting NFS mount point [/]."));
-  EXPECT_THAT(lines, Contains("NFS3 server via TCP has been stopped."));
-  lines.clear();
+  CNfsLibLogger::getInstance().resetImpl();
+  { NfsMounter mounter("/", tree, spec, log.sink()); }
+  const auto lines = log.takeLines();
+  EXPECT_THAT(lines, Contains("info Unmounting NFS mount point [/]."));
+  EXPECT_THAT(lines, Contains("info NFS3 server via TCP has been stopped."));
   CNfsLibLogger::getInstance().getImpl()->info("nobody's");
-  EXPECT_THAT(lines, IsEmpty());
+  EXPECT_THAT(log.takeLines(), IsEmpty());
 }
 
 TEST_F(NfsMounterTest, AMountPointThatIsNoneIsToldBeforeAnythingIsServed) {

@@ -23,6 +23,10 @@ class RecordedLog {
   RecordedLog(const RecordedLog&) = delete;
   RecordedLog& operator=(const RecordedLog&) = delete;
 
+  // One more sink that keeps its lines here, for code that installs its own.
+  std::unique_ptr<INfsLibLogSection> sink() const {
+    return std::make_unique<Sink>(m_kept, std::initializer_list<LogLevel>{});
+  }
   // The lines since the last call.
   std::vector<std::string> takeLines() {
     const std::lock_guard lock(m_kept->lock);

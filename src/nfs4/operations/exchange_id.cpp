@@ -1,5 +1,6 @@
 #include "nfs4/client.h"
 #include "nfs4/hexadecimal.h"
+#include "nfs4/names.h"
 #include "nfs4/operations.h"
 
 #include <string>
@@ -31,6 +32,7 @@ struct Arguments {
 Arguments readArguments(MemoryStream& in) {
   Arguments args;
   in >> args.owner >> args.flags >> args.protection;
+  if (args.owner.ownerId.size() > kLongestOwner) in.errorOccurred();
   state_protect_ops4 operations;
   ssv_sp_parms4 ssv;
   if (args.protection == kMachineCredential) in >> operations;

@@ -224,6 +224,7 @@ OperationResult setSentAttributes(Call& call, const Arguments& args, Bitmap& app
 OperationResult COpen::execute(Call& call) {
   OperationResult status = OperationResult::OK;
   Arguments args = readArguments(call, status);
+  if (args.owner.size() > kLongestOwner) call.stream.errorOccurred();
   checkDecoded(call);
   if (args.creates() && !call.writeEnabled) status = OperationResult::ReadOnlyFileSystem;
   log().dbg("Open: sequenceId [%1], type [%2], claim type [%3], name [%4]", args.sequenceId,

@@ -141,8 +141,7 @@ OperationResult CReadDirectory::execute(Call& call) {
   checkDecoded(call);
   log().dbg(
       "Read directory: cookie [%1], verifier [%2], count [%3], max count [%4], requested "
-      "attributes "
-      "[%5]",
+      "attributes [%5]",
       params.cookie, hexadecimal(params.verifier.bytes), params.dirCount, params.maxCount,
       bitmap4ToStr(params.attributes));
 

@@ -1,5 +1,6 @@
 #include "nfs4/client.h"
 #include "nfs4/hexadecimal.h"
+#include "nfs4/names.h"
 #include "nfs4/operations.h"
 
 #include <string>
@@ -17,6 +18,7 @@ OperationResult CSetClientId::execute(Call& call) {
   std::string callbackAddress;
   unsigned callbackIdent = 0;
   call.stream >> owner >> callbackProgram >> callbackNet >> callbackAddress >> callbackIdent;
+  if (owner.ownerId.size() > kLongestOwner) call.stream.errorOccurred();
   checkDecoded(call);
   log().dbg(
       "Set client ID: verifier [%1], clientOwnerId [%2], callback program [%3], callback address "
