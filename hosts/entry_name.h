@@ -22,13 +22,13 @@ inline bool isEntryName(std::string_view name) {
 inline void requireEntryName(const std::string& name) {
   if (isEntryName(name)) return;
   if (name.size() > kLongestName) {
-    throw INfsException("The name [" + name + "] is longer than " + std::to_string(kLongestName) +
-                        " bytes.");
+    throw SystemNfsException(ENAMETOOLONG, "The name [" + name + "] is longer than " +
+                                               std::to_string(kLongestName) + " bytes.");
   }
-  throw INfsException(
-      "[" + name +
-      "] cannot name an entry: a name is not empty, not \".\" or \"..\", and has no "
-      "\"/\" and no NUL byte.");
+  throw SystemNfsException(
+      EINVAL, "[" + name +
+                  "] cannot name an entry: a name is not empty, not \".\" or \"..\", and has no "
+                  "\"/\" and no NUL byte.");
 }
 
 // The longest text of a symbolic link, in bytes.
@@ -36,13 +36,14 @@ constexpr std::size_t kLongestTarget = 4095;
 
 // Throws unless `target` can be the text of a symbolic link.
 inline void requireLinkTarget(const std::string& target) {
-  if (target.empty()) throw INfsException("The text of a symbolic link cannot be empty.");
+  if (target.empty())
+    throw SystemNfsException(EINVAL, "The text of a symbolic link cannot be empty.");
   if (target.size() > kLongestTarget) {
-    throw INfsException("The text of a symbolic link cannot be longer than " +
-                        std::to_string(kLongestTarget) + " bytes.");
+    throw SystemNfsException(ENAMETOOLONG, "The text of a symbolic link cannot be longer than " +
+                                               std::to_string(kLongestTarget) + " bytes.");
   }
   if (target.find('\0') != std::string::npos) {
-    throw INfsException("The text of a symbolic link cannot hold a NUL byte.");
+    throw SystemNfsException(EINVAL, "The text of a symbolic link cannot hold a NUL byte.");
   }
 }
 

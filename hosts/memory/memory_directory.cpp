@@ -7,6 +7,7 @@
 #include "memory/memory_file_system.h"
 #include "memory/memory_symlink.h"
 
+#include <cerrno>
 #include <mutex>
 #include <shared_mutex>
 
@@ -50,8 +51,14 @@ const char* describe(FileType type) {
   return type == FileType::SymbolicLink ? "a symbolic link" : "a file";
 }
 
-INfsException noEntry(const std::string& name) {
-  return INfsException("There is no entry [" + name + "].");
+SystemNfsException noEntry(const std::string& name) {
+  return {ENOENT, "There is no entry [" + name + "]."};
+}
+
+// What clients are told of an object that is of another type than the wanted one.
+int errorOf(FileType wanted, const Node& found) {
+  if (wanted == FileType::Directory) return ENOTDIR;
+  return wanted == FileType::Regular && found.is(FileType::Directory) ? EISDIR : EINVAL;
 }
 
 }  // namespace
@@ -73,7 +80,9 @@ std::shared_ptr<NodeType> MemoryDirectory::open(const std::string& name, FileTyp
     node = m_node->entries.find(name);
   }
   if (!node) throw noEntry(name);
-  if (!node->is(type)) throw INfsException("[" + name + "] is not " + describe(type) + ".");
+  if (!node->is(type)) {
+    throw SystemNfsException(errorOf(type, *node), "[" + name + "] is not " + describe(type) + ".");
+  }
   return std::static_pointer_cast<NodeType>(node);
 }
 
@@ -95,9 +104,10 @@ void MemoryDirectory::SetMetaData(const MetaData& md) { m_node->setMetaData(md);
 
 void MemoryDirectory::requireFree(const std::string& name) const {
   requireEntryName(name);
-  if (m_node->removed) throw INfsException("Cannot create [" + name + "]: the directory is gone.");
+  if (m_node->removed)
+    throw SystemNfsException(ENOENT, "Cannot create [" + name + "]: the directory is gone.");
   if (m_node->entries.find(name)) {
-    throw INfsException("Cannot create [" + name + "]: the name already exists.");
+    throw SystemNfsException(EEXIST, "Cannot create [" + name + "]: the name already exists.");
   }
 }
 
@@ -164,9 +174,10 @@ void MemoryDirectory::RemoveSubdir(const std::string& name) {
   const std::unique_lock lock(m_tree->lock);
   const auto node = m_node->entries.find(name);
   if (!node) throw noEntry(name);
-  if (!node->is(FileType::Directory)) throw INfsException("[" + name + "] is not a directory.");
+  if (!node->is(FileType::Directory))
+    throw SystemNfsException(ENOTDIR, "[" + name + "] is not a directory.");
   if (!static_cast<DirectoryNode&>(*node).entries.empty()) {
-    throw INfsException("The directory [" + name + "] is not empty.");
+    throw SystemNfsException(ENOTEMPTY, "The directory [" + name + "] is not empty.");
   }
   removed = take(name);
 }
@@ -178,7 +189,7 @@ void MemoryDirectory::RemoveFile(const std::string& name) {
   const auto node = m_node->entries.find(name);
   if (!node) throw noEntry(name);
   if (node->is(FileType::Directory)) {
-    throw INfsException("[" + name + "] is a directory: remove it as one.");
+    throw SystemNfsException(EISDIR, "[" + name + "] is a directory: remove it as one.");
   }
   removed = take(name);
 }
@@ -190,7 +201,8 @@ void MemoryDirectory::MoveEntry(const std::string& name,
   requireEntryName(newName);
   const auto target = std::dynamic_pointer_cast<MemoryDirectory>(newParent);
   if (!target || target->m_tree != m_tree) {
-    throw INfsException("Cannot move [" + name + "] into a directory of another file system.");
+    throw SystemNfsException(EXDEV,
+                             "Cannot move [" + name + "] into a directory of another file system.");
   }
 
   std::shared_ptr<Node> replaced;
@@ -199,7 +211,8 @@ void MemoryDirectory::MoveEntry(const std::string& name,
   DirectoryNode& to = *target->m_node;
   const auto moved = from.entries.find(name);
   if (!moved) throw noEntry(name);
-  if (to.removed) throw INfsException("Cannot move [" + name + "]: the new directory is gone.");
+  if (to.removed)
+    throw SystemNfsException(ENOENT, "Cannot move [" + name + "]: the new directory is gone.");
   const auto existing = to.entries.find(newName);
   if (existing == moved) return;
 
@@ -207,18 +220,19 @@ void MemoryDirectory::MoveEntry(const std::string& name,
   if (isDirectory) {
     for (const DirectoryNode* at = &to; at != nullptr; at = at->parent) {
       if (at == moved.get()) {
-        throw INfsException("Cannot move the directory [" + name + "] into itself.");
+        throw SystemNfsException(EINVAL, "Cannot move the directory [" + name + "] into itself.");
       }
     }
   }
   if (existing) {
     if (existing->is(FileType::Directory) != isDirectory) {
-      throw INfsException("Cannot move [" + name + "] over [" + newName +
-                          "]: one of them is a directory and the other is not.");
+      throw SystemNfsException(isDirectory ? ENOTDIR : EISDIR,
+                               "Cannot move [" + name + "] over [" + newName +
+                                   "]: one of them is a directory and the other is not.");
     }
     if (isDirectory && !static_cast<DirectoryNode&>(*existing).entries.empty()) {
-      throw INfsException("Cannot move [" + name + "] over [" + newName +
-                          "]: that directory is not empty.");
+      throw SystemNfsException(ENOTEMPTY, "Cannot move [" + name + "] over [" + newName +
+                                              "]: that directory is not empty.");
     }
   }
 
@@ -240,11 +254,11 @@ void MemoryDirectory::MoveEntry(const std::string& name,
 void MemoryDirectory::Link(const std::string& name, const std::shared_ptr<File>& file) {
   const auto target = std::dynamic_pointer_cast<MemoryFile>(file);
   if (!target || target->tree() != m_tree) {
-    throw INfsException("Cannot link [" + name + "] to a file of another file system.");
+    throw SystemNfsException(EXDEV, "Cannot link [" + name + "] to a file of another file system.");
   }
   const std::unique_lock lock(m_tree->lock);
   if (target->GetMetaData().linkCount == 0) {
-    throw INfsException("Cannot link [" + name + "]: the file was removed.");
+    throw SystemNfsException(ENOENT, "Cannot link [" + name + "]: the file was removed.");
   }
   add(name, target->node());
   target->node()->addLinks(1);

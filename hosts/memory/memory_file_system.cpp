@@ -13,6 +13,17 @@ MemoryFileSystem::~MemoryFileSystem() = default;
 
 std::shared_ptr<Directory> MemoryFileSystem::OpenRoot() { return m_root; }
 
+FileSystemStatistics MemoryFileSystem::GetStatistics() const {
+  const std::uint64_t total = capacityBytes();
+  const std::uint64_t left = total - usedBytes();
+  return {.totalBytes = total,
+          .freeBytes = left,
+          .availableBytes = left,
+          .totalFiles = total / kEntryCost,
+          .freeFiles = left / kEntryCost,
+          .availableFiles = left / kEntryCost};
+}
+
 std::uint64_t MemoryFileSystem::capacityBytes() const { return m_tree->space.capacity(); }
 
 std::uint64_t MemoryFileSystem::usedBytes() const { return m_tree->space.used(); }

@@ -22,7 +22,7 @@ class Tree;
 ///
 /// Any number of threads may use the tree. Reading a file does not move its access time. The size
 /// of files, mode, owner, group, access and modification time can be set; access lists cannot.
-class MemoryFileSystem : public FileSystem {
+class MemoryFileSystem : public FileSystem, public IStatistics {
  public:
   /// Bytes counted for each name.
   static constexpr std::uint64_t kEntryCost = 512;
@@ -31,6 +31,8 @@ class MemoryFileSystem : public FileSystem {
   ~MemoryFileSystem() override;
 
   std::shared_ptr<Directory> OpenRoot() override;
+  /// The capacity, and as many files as it has room for names.
+  FileSystemStatistics GetStatistics() const override;
 
   std::uint64_t capacityBytes() const;
   std::uint64_t usedBytes() const;

@@ -33,8 +33,8 @@ void forEachPiece(std::uint64_t offset, std::uint64_t length, Visit visit) {
 
 void requireSize(std::uint64_t offset, std::uint64_t length) {
   if (offset > SparseBytes::kLargestSize || length > SparseBytes::kLargestSize - offset) {
-    throw INfsException("A file cannot be larger than " +
-                        std::to_string(SparseBytes::kLargestSize) + " bytes.");
+    throw SystemNfsException(EFBIG, "A file cannot be larger than " +
+                                        std::to_string(SparseBytes::kLargestSize) + " bytes.");
   }
 }
 

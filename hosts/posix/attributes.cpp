@@ -112,8 +112,9 @@ void changeMetaData(Tree& tree, int fd, const MetaData& wanted, const std::strin
   constexpr std::uint32_t kUnchanged = UINT32_MAX;  // what chown(2) takes for "leave it"
   const bool newOwner = wanted.uid != now.uid || wanted.gid != now.gid;
   if (newOwner && (wanted.uid == kUnchanged || wanted.gid == kUnchanged)) {
-    throw INfsException("Cannot change the owner of " + shown + ": " + std::to_string(kUnchanged) +
-                        " is neither a user nor a group.");
+    throw SystemNfsException(EINVAL, "Cannot change the owner of " + shown + ": " +
+                                         std::to_string(kUnchanged) +
+                                         " is neither a user nor a group.");
   }
   // Links have no mode of their own on Linux; clients set one all the same.
   const bool newMode = wanted.mode != now.mode && !isType(now, FileType::SymbolicLink);

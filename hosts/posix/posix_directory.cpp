@@ -37,6 +37,12 @@ void forgetIfNameless(Tree& tree, const Descriptor& object) {
   if (object && readStatus(object.get(), status) && status.stx_nlink == 0) tree.ids.forget(status);
 }
 
+void requireRegular(const struct statx& status, const std::string& shown) {
+  if (typeOf(status) == FileType::Regular) return;
+  throw SystemNfsException(typeOf(status) == FileType::Directory ? EISDIR : EINVAL,
+                           shown + " is not a regular file.");
+}
+
 bool isAbsence(int error) { return error == ENOENT || error == ENOTDIR || error == ENAMETOOLONG; }
 
 }  // namespace
@@ -73,7 +79,7 @@ std::shared_ptr<File> PosixDirectory::OpenFile(const std::string& name) {
   struct statx status {};
   // Looked at first, since opening alone does something to some devices.
   if (!readStatus(directory.get(), name.c_str(), status)) fail(errno, "open " + shown);
-  if (typeOf(status) != FileType::Regular) throw INfsException(shown + " is not a regular file.");
+  requireRegular(status, shown);
 
   auto access = PosixFile::Access::Read;
   Descriptor file(
@@ -84,7 +90,7 @@ std::shared_ptr<File> PosixDirectory::OpenFile(const std::string& name) {
     file = hold(directory, name);
   }
   if (!file || !readStatus(file.get(), status)) fail(errno, "open " + shown);
-  if (typeOf(status) != FileType::Regular) throw INfsException(shown + " is not a regular file.");
+  requireRegular(status, shown);
   return std::make_shared<PosixFile>(m_tree, std::move(file), access, m_tree->ids.of(status),
                                      std::move(shown));
 }
@@ -97,7 +103,7 @@ std::shared_ptr<Symlink> PosixDirectory::OpenSymlink(const std::string& name) {
   struct statx status {};
   if (!link || !readStatus(link.get(), status)) fail(errno, "open " + shown);
   if (typeOf(status) != FileType::SymbolicLink) {
-    throw INfsException(shown + " is not a symbolic link.");
+    throw SystemNfsException(EINVAL, shown + " is not a symbolic link.");
   }
   return std::make_shared<PosixSymlink>(m_tree, std::move(link), m_tree->ids.of(status),
                                         std::move(shown));
@@ -178,8 +184,8 @@ void PosixDirectory::MoveEntry(const std::string& name, const std::shared_ptr<Di
   requireEntryName(newName);
   const auto target = std::dynamic_pointer_cast<PosixDirectory>(newParent);
   if (!target || target->m_tree != m_tree) {
-    throw INfsException("Cannot move " + quoted(name) +
-                        " into a directory of another file system.");
+    throw SystemNfsException(
+        EXDEV, "Cannot move " + quoted(name) + " into a directory of another file system.");
   }
 
   Descriptor replaced;  // let go of after the lock
@@ -203,12 +209,14 @@ void PosixDirectory::Link(const std::string& name, const std::shared_ptr<File>& 
   requireEntryName(name);
   const auto target = std::dynamic_pointer_cast<PosixFile>(file);
   if (!target || target->tree() != m_tree) {
-    throw INfsException("Cannot link " + quoted(name) + " to a file of another file system.");
+    throw SystemNfsException(EXDEV,
+                             "Cannot link " + quoted(name) + " to a file of another file system.");
   }
   const OpenDirectory directory = open();
   struct stat status {};
   if (::fstat(target->descriptor(), &status) == 0 && status.st_nlink == 0) {
-    throw INfsException("Cannot link " + directory.shown(name) + ": the file was removed.");
+    throw SystemNfsException(ENOENT,
+                             "Cannot link " + directory.shown(name) + ": the file was removed.");
   }
   const Changes::Scope change(m_tree->changes);
   // By the descriptor: whatever has the file's name by now, the link goes to this very file.
@@ -221,7 +229,7 @@ void PosixDirectory::Link(const std::string& name, const std::shared_ptr<File>& 
 DirEntry PosixDirectory::GetEntryByName(const std::string& name) const {
   requireEntryName(name);
   if (auto entry = TryGetEntryByName(name)) return *std::move(entry);
-  throw INfsException("There is no entry " + quoted(name) + ".");
+  throw SystemNfsException(ENOENT, "There is no entry " + quoted(name) + ".");
 }
 
 std::optional<DirEntry> PosixDirectory::TryGetEntryByName(const std::string& name) const {

@@ -13,4 +13,6 @@ PosixFileSystem::~PosixFileSystem() = default;
 
 std::shared_ptr<Directory> PosixFileSystem::OpenRoot() { return m_root; }
 
+FileSystemStatistics PosixFileSystem::GetStatistics() const { return m_tree->statistics(); }
+
 }  // namespace nfslib::hosts

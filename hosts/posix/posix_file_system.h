@@ -40,7 +40,7 @@ class Tree;
 ///
 /// Size (of files), mode (not of symbolic links), owner, group, access and modification time can be
 /// set; access lists cannot. Any number of threads may use the tree.
-class PosixFileSystem : public FileSystem {
+class PosixFileSystem : public FileSystem, public IStatistics {
  public:
   /// How the path of a directory below the root is walked.
   enum class PathWalk {
@@ -54,6 +54,8 @@ class PosixFileSystem : public FileSystem {
   ~PosixFileSystem() override;
 
   std::shared_ptr<Directory> OpenRoot() override;
+  /// Those of the file system that the root is on.
+  FileSystemStatistics GetStatistics() const override;
 
  private:
   std::shared_ptr<posix::Tree> m_tree;

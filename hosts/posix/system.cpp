@@ -17,7 +17,7 @@ void fail(int error, const std::string& what) {
   switch (error) {
     case ENOSPC:
     case EDQUOT:
-      throw OutOfSpaceNfsException(text + ".");
+      throw OutOfSpaceNfsException(text + ".", error);
     case EMFILE:
     case ENFILE:
       text += ". Raise the limit on open files, or keep fewer files open";
@@ -31,7 +31,7 @@ void fail(int error, const std::string& what) {
     default:
       break;
   }
-  throw INfsException(text + ".");
+  throw SystemNfsException(error, text + ".");
 }
 
 std::string quoted(std::string_view text) { return std::string("[").append(text).append("]"); }

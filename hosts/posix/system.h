@@ -34,8 +34,8 @@ auto retried(SystemCall systemCall) {
   return result;
 }
 
-// Throws for the errno value `error`: "Cannot " + `what` + ": " + the cause. Lack of space, quotas
-// included, is an OutOfSpaceNfsException.
+// Throws for the errno value `error`: "Cannot " + `what` + ": " + the cause. A SystemNfsException;
+// for lack of space, quotas included, an OutOfSpaceNfsException.
 [[noreturn]] void fail(int error, const std::string& what);
 
 // `name` or `path` the way messages show it.

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <linux/openat2.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -47,6 +48,19 @@ bool birthTimesStay(int root) {
 }
 
 }  // namespace
+
+FileSystemStatistics Tree::statistics() const {
+  struct statvfs told {};
+  if (retried([&] { return ::fstatvfs(m_root.get(), &told); }) != 0) {
+    fail(errno, "read the statistics of the file system");
+  }
+  return {.totalBytes = told.f_blocks * told.f_frsize,
+          .freeBytes = told.f_bfree * told.f_frsize,
+          .availableBytes = told.f_bavail * told.f_frsize,
+          .totalFiles = told.f_files,
+          .freeFiles = told.f_ffree,
+          .availableFiles = told.f_favail};
+}
 
 Place::Place(Tree& tree, std::shared_ptr<Place> parent, std::string name)
     : m_tree(tree), m_parent(std::move(parent)), m_name(std::move(name)) {}
@@ -100,7 +114,8 @@ std::string Tree::pathOf(const Place& place) const {
     if (!path.empty()) path += '/';
     path += at->m_name;
   });
-  if (gone) throw INfsException("The directory " + quoted("/" + path) + " was removed.");
+  if (gone)
+    throw SystemNfsException(ENOENT, "The directory " + quoted("/" + path) + " was removed.");
   return path;
 }
 

@@ -73,6 +73,9 @@ class Tree {
   void moveChild(Place& parent, const std::string& name, const std::shared_ptr<Place>& newParent,
                  const std::string& newName);
 
+  // Throws INfsException when the system does not tell.
+  FileSystemStatistics statistics() const;
+
   // Frees the places that were waiting for it. To be called after letting go of a place.
   void sweep() noexcept;
 

@@ -10,7 +10,7 @@ namespace nfslib::hosts {
 
 namespace {
 
-[[noreturn]] void refuse() { throw INfsException("This tree is read-only."); }
+[[noreturn]] void refuse() { throw SystemNfsException(EROFS, "This tree is read-only."); }
 
 class ReadOnlyFile : public File, public IDescriptorFile {
  public:
@@ -95,6 +95,12 @@ class ReadOnlyDirectory : public Directory {
 
 std::shared_ptr<Directory> ReadOnlyFileSystem::OpenRoot() {
   return guarded<ReadOnlyDirectory>(m_tree->OpenRoot());
+}
+
+FileSystemStatistics ReadOnlyFileSystem::GetStatistics() const {
+  const auto* source = dynamic_cast<const IStatistics*>(m_tree.get());
+  if (source == nullptr) throw INfsException("This tree has no statistics.");
+  return source->GetStatistics();
 }
 
 }  // namespace nfslib::hosts

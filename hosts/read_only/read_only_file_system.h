@@ -14,11 +14,13 @@ namespace nfslib::hosts {
 /// be changed stops it.
 ///
 /// As safe for threads as the tree behind it.
-class ReadOnlyFileSystem : public FileSystem {
+class ReadOnlyFileSystem : public FileSystem, public IStatistics {
  public:
   explicit ReadOnlyFileSystem(std::unique_ptr<FileSystem> tree) : m_tree(std::move(tree)) {}
 
   std::shared_ptr<Directory> OpenRoot() override;
+  /// Throws INfsException when the tree has none.
+  FileSystemStatistics GetStatistics() const override;
 
  private:
   const std::unique_ptr<FileSystem> m_tree;

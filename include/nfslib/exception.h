@@ -2,7 +2,10 @@
 
 #include <nfslib/export.h>
 
+#include <cerrno>
 #include <stdexcept>
+#include <string>
+#include <system_error>
 
 namespace nfslib {
 
@@ -20,12 +23,37 @@ class NFSLIB_EXPORT INfsException : public std::runtime_error {
   ~INfsException() override;
 };
 
+/// An INfsException that also tells the cause as an error code of the system, as in `errno`.
+/// Clients of the modern profile (see `NfsServerPolicy`) see the status that fits: EACCES as
+/// NFS3ERR_ACCES or NFS4ERR_ACCESS, ENOENT as NFS3ERR_NOENT and so on. Throw it where the cause is
+/// known.
+///
+/// A `std::system_error` says the same, and so does either of them nested in another exception.
+class NFSLIB_EXPORT SystemNfsException : public INfsException {
+ public:
+  /// `what` is the message, to which nothing is added.
+  SystemNfsException(std::error_code code, const std::string& what);
+  /// The same for a value of errno.
+  SystemNfsException(int error, const std::string& what);
+  SystemNfsException(const SystemNfsException&) = default;
+  SystemNfsException& operator=(const SystemNfsException&) = default;
+  ~SystemNfsException() override;
+
+  /// The cause; compares with `std::errc`.
+  const std::error_code& code() const noexcept { return m_code; }
+
+ private:
+  std::error_code m_code;
+};
+
 /// Thrown by a host when a write, a creation, a link, a rename, a removal or an attribute change
 /// fails for lack of space. Clients see it as "no space left on device" (NFS3ERR_NOSPC,
 /// NFS4ERR_NOSPC).
-class NFSLIB_EXPORT OutOfSpaceNfsException : public INfsException {
+class NFSLIB_EXPORT OutOfSpaceNfsException : public SystemNfsException {
  public:
-  using INfsException::INfsException;
+  /// `error` is a value of errno. EDQUOT says that it is the caller's quota that is used up, which
+  /// clients of the modern profile see as such.
+  explicit OutOfSpaceNfsException(const std::string& what, int error = ENOSPC);
   OutOfSpaceNfsException(const OutOfSpaceNfsException&) = default;
   OutOfSpaceNfsException& operator=(const OutOfSpaceNfsException&) = default;
   ~OutOfSpaceNfsException() override;

@@ -3,6 +3,7 @@
 #include <nfslib/export.h>
 #include <nfslib/metadata.h>
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -137,6 +138,27 @@ class NFSLIB_EXPORT FileSystem {
   /// The root directory. Called often: return the same object each time if that is cheaper.
   virtual std::shared_ptr<Directory> OpenRoot() = 0;
   virtual ~FileSystem();
+};
+
+/// How full a file system is: what FSSTAT (RFC 1813 section 3.3.18) and the attributes space_* and
+/// files_* (RFC 7530 section 5.8.2) tell clients. A plain value.
+struct FileSystemStatistics {
+  std::uint64_t totalBytes = 0;      ///< the capacity
+  std::uint64_t freeBytes = 0;       ///< what nothing uses
+  std::uint64_t availableBytes = 0;  ///< what of that the clients may use
+  std::uint64_t totalFiles = 0;      ///< how many objects there can be
+  std::uint64_t freeFiles = 0;       ///< how many of these there are not yet
+  std::uint64_t availableFiles = 0;  ///< how many of those the clients may make
+};
+
+/// Optional: a `FileSystem` that knows how full it is may derive from this class as well, so that
+/// `df` on a client tells the truth.
+class NFSLIB_EXPORT IStatistics {
+ public:
+  /// The numbers of now. Called from any thread, whenever a client asks. Throws INfsException when
+  /// they cannot be had; clients are then told none.
+  virtual FileSystemStatistics GetStatistics() const = 0;
+  virtual ~IStatistics();
 };
 
 }  // namespace nfslib

@@ -9,6 +9,7 @@ namespace nfslib {
 class FileSystem;
 class NfsPath;
 struct NfsMountSpec;
+struct NfsServerPolicy;
 
 /// The one NFS server of the process. It runs while at least one tree is exported: the first export
 /// starts it, removing the last one stops it.
@@ -27,6 +28,10 @@ class NFSLIB_EXPORT NfsServer {
  public:
   /// The server of this process, made on first use.
   static NfsServer& instance();
+
+  /// How the server is to behave towards its clients from its next start on; without it, as the
+  /// classic profile has it. Throws when there are exports, and changes nothing then.
+  void setPolicy(const NfsServerPolicy& policy);
 
   /// Publishes `fs` under `path` and, when it is the first export, starts the server with the
   /// ports, protocol, version and address that `spec` asks for; returns when clients can connect.

@@ -5,6 +5,8 @@
 
 #include "fs/metadata_cache.h"
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,6 +17,8 @@ namespace nfslib {
 // the entry that is changed, from the view's metadata cache: before, so that they are gone also
 // when the host fails half-way, and after, so that nothing read meanwhile stays. Directories and
 // files opened through it come wrapped in the same way.
+//
+// Where the cache counts changes, each call counts for the objects that it changes.
 //
 // It keeps the host's directory alive, but not the cache: a wrapper that outlives its view goes on
 // forwarding and drops nothing. The host always sees objects of its own as arguments, never a
@@ -76,6 +80,7 @@ class NfsFileCacheTrigger : public File {
   NfsPath m_path;
   std::shared_ptr<File> m_file;
   std::weak_ptr<MetaDataCache> m_cache;
+  std::atomic<std::uint64_t> m_fileId = 0;  // 0 until it is needed
 };
 
 // The host's own object behind `object`, which is `object` itself when it is not a wrapper.

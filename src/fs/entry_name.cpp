@@ -1,8 +1,10 @@
 #include "fs/entry_name.h"
 
+#include <nfslib/exception.h>
+
 #include "common/log.h"
 
-#include <stdexcept>
+#include <cerrno>
 #include <string_view>
 
 namespace nfslib {
@@ -13,7 +15,7 @@ void requireEntryName(const std::string& name) {
       name.find_first_of(kForbidden) == std::string::npos) {
     return;
   }
-  throw std::runtime_error(message("[%1] cannot name an entry.", name));
+  throw SystemNfsException(EINVAL, message("[%1] cannot name an entry.", name));
 }
 
 }  // namespace nfslib

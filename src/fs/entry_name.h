@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace nfslib {
 
@@ -8,5 +9,8 @@ namespace nfslib {
 // anything; an operation that changes the tree passes on one path component and nothing else: no
 // empty name, no "." or "..", no "/" and no NUL byte.
 void requireEntryName(const std::string& name);
+
+// Whether it is "." or "..", which some hosts list.
+inline bool isSelfOrParent(std::string_view name) { return name == "." || name == ".."; }
 
 }  // namespace nfslib

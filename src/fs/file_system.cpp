@@ -9,5 +9,6 @@ IDescriptorFile::~IDescriptorFile() = default;
 Symlink::~Symlink() = default;
 Directory::~Directory() = default;
 FileSystem::~FileSystem() = default;
+IStatistics::~IStatistics() = default;
 
 }  // namespace nfslib

@@ -3,6 +3,7 @@
 #include <nfslib/metadata.h>
 #include <nfslib/nfs_path.h>
 
+#include "fs/change_counts.h"
 #include "fs/replacement_cache.h"
 
 #include <cstddef>
@@ -63,6 +64,11 @@ class MetaDataCache {
     return m_entries.size();
   }
 
+  // From now on changes are counted by object. Before the first use of the cache.
+  void countChanges(std::size_t capacity) { m_counts.emplace(capacity); }
+  // Nothing where they are not.
+  std::optional<ChangeCounts>& counts() { return m_counts; }
+
  private:
   // Under m_lock.
   void store(const NfsPath& path, const MetaData& md) {
@@ -75,7 +81,8 @@ class MetaDataCache {
   }
 
   const Tree m_tree;
-  mutable std::mutex m_lock;  // guards the two fields below
+  std::optional<ChangeCounts> m_counts;  // has a lock of its own
+  mutable std::mutex m_lock;             // guards the two fields below
   std::uint64_t m_changes = 0;
   utility::replacement_cache<NfsPath, MetaData> m_entries;
 };

@@ -1,9 +1,12 @@
 #include "fs/nfs_file_system.h"
 
+#include "common/host_failure.h"
 #include "common/log.h"
 #include "fs/cache_triggers.h"
 #include "fs/entry_name.h"
 
+#include <algorithm>
+#include <exception>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
@@ -15,6 +18,8 @@ namespace {
 constexpr std::size_t kDirectoryCapacity = 2048;
 constexpr std::size_t kMetaDataCapacity = 16384;
 constexpr std::size_t kPositionCapacity = 32;
+constexpr std::size_t kCountedObjects = 131'072;
+constexpr std::uint32_t kNanosecondsASecond = 1'000'000'000;
 
 // What a cache gave up. Declared before the lock is taken, so that it goes after the lock: the last
 // holder's release runs the destructor of a host object.
@@ -30,15 +35,19 @@ std::shared_ptr<Object> opened(std::shared_ptr<Object> object) {
 
 }  // namespace
 
-NfsFileSystem::NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec)
+NfsFileSystem::NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec, const Profile& profile)
     : m_fs(fs),
+      m_statistics(profile.tellsStatistics ? dynamic_cast<const IStatistics*>(&fs) : nullptr),
+      m_profile(profile),
       m_writable(spec.writeEnabled),
       m_directories(kDirectoryCapacity),
       m_files(2 * spec.maxOpenFiles),
       m_metaData(std::make_shared<MetaDataCache>(
           kMetaDataCapacity,
           m_writable ? MetaDataCache::Tree::Changing : MetaDataCache::Tree::Fixed)),
-      m_positions(kPositionCapacity) {}
+      m_positions(kPositionCapacity) {
+  if (profile.countsChanges && m_writable) m_metaData->countChanges(kCountedObjects);
+}
 
 NfsFileSystem::~NfsFileSystem() {
   log().info("NFS handle map size: [%1].", m_handles.size());
@@ -65,17 +74,21 @@ std::optional<NfsPath> NfsFileSystem::findPath(const NfsHandle& handle) const {
 NfsPath NfsFileSystem::getPath(const NfsHandle& handle) const {
   if (auto path = findPath(handle)) return *std::move(path);
   log().err("NFS handle [%1] is invalid.", handle);
-  throw std::runtime_error("NFS handle is invalid.");
+  throw UnknownHandle("NFS handle is invalid.");
 }
 
 std::optional<MetaData> NfsFileSystem::findMetaData(const NfsPath& path) {
-  if (auto cached = m_metaData->find(path)) return cached;
   try {
-    return askForMetaData(path);
+    return lookUpMetaData(path);
   } catch (const std::exception& e) {
     log().dbg("Failed to find metadata in cache. Error: [%1].", e.what());
     return std::nullopt;
   }
+}
+
+MetaData NfsFileSystem::lookUpMetaData(const NfsPath& path) {
+  if (auto cached = m_metaData->find(path)) return *std::move(cached);
+  return askForMetaData(path);
 }
 
 MetaData NfsFileSystem::askForMetaData(const NfsPath& path) {
@@ -102,9 +115,13 @@ MetaData NfsFileSystem::readMetaData(const NfsPath& path) {
 }
 
 MetaData NfsFileSystem::getMetaData(const NfsPath& path) {
-  if (auto md = findMetaData(path)) return *std::move(md);
-  log().warn("Cannot get metadata for path [%1].", path);
-  throw std::runtime_error("Cannot get metadata for path.");
+  try {
+    return lookUpMetaData(path);
+  } catch (const std::exception& e) {
+    log().dbg("Failed to find metadata in cache. Error: [%1].", e.what());
+    log().warn("Cannot get metadata for path [%1].", path);
+    std::throw_with_nested(std::runtime_error("Cannot get metadata for path."));
+  }
 }
 
 bool NfsFileSystem::pathExists(const NfsPath& path) {
@@ -122,11 +139,40 @@ void NfsFileSystem::setMetaData(const NfsPath& path, const MetaData& md) {
       parent->OpenSubdir(name)->SetMetaData(md);
     } else if (isType(entry.metaData, FileType::SymbolicLink)) {
       parent->OpenSymlink(name)->SetMetaData(md);
+      if (m_metaData->counts()) m_metaData->counts()->count(entry.metaData.fileId);
     } else {
       parent->OpenFile(name)->SetMetaData(md);
     }
   }
   m_metaData->set(path, md);
+}
+
+NfsFileSystem::ChangeTime NfsFileSystem::changeTimeOf(const MetaData& md) const {
+  if (!m_profile.countsChanges) return {md.changeTime, 0};
+  const auto& counts = m_metaData->counts();
+  const std::uint32_t count = counts ? counts->of(md.fileId) : 0;
+  return {std::max(md.modifyTime, md.changeTime), count % kNanosecondsASecond};
+}
+
+std::uint64_t NfsFileSystem::changeOf(const MetaData& md) const {
+  if (!m_profile.countsChanges) return md.modifyTime;
+  const auto& counts = m_metaData->counts();
+  const std::uint32_t count = counts ? counts->of(md.fileId) : 0;
+  return std::uint64_t{std::max(md.modifyTime, md.changeTime)} << 32U | count;
+}
+
+MetaData NfsFileSystem::shownAfterChange(const NfsPath& path, const MetaData& wanted) {
+  return m_profile.countsChanges ? readMetaData(path) : wanted;
+}
+
+std::optional<FileSystemStatistics> NfsFileSystem::statistics() const {
+  if (m_statistics == nullptr) return std::nullopt;
+  try {
+    return m_statistics->GetStatistics();
+  } catch (const std::exception& e) {
+    log().dbg("The host tells no statistics: [%1]", e.what());
+    return std::nullopt;
+  }
 }
 
 std::shared_ptr<Directory> NfsFileSystem::openDirectory(const NfsPath& path) {
@@ -200,6 +246,41 @@ void NfsFileSystem::iterateDir(
   }
 }
 
+bool NfsFileSystem::list(const Listed& listed, std::uint64_t cookie, CookieOrder order,
+                         const VisitEntry& visit) {
+  return m_profile.remembersListings ? m_listings.list(listed.dir, listed.fileId, cookie, visit)
+                                     : listFromPosition(listed, cookie, order, visit);
+}
+
+bool NfsFileSystem::listFromPosition(const Listed& listed, std::uint64_t cookie, CookieOrder order,
+                                     const VisitEntry& visit) {
+  const auto isLeftOut = [&](const std::string& name) {
+    return order == CookieOrder::WithoutSelfAndParent && isSelfOrParent(name);
+  };
+  const auto host = hostObject(listed.dir);
+  // A listing from the start makes a fresh pass: it shows what the directory holds now.
+  auto stored = cookie == 0
+                    ? std::nullopt
+                    : m_positions.take(host, listed.isRoot, listed.modifyTime, cookie, order);
+  DirectoryIterator it = stored ? std::move(stored->it) : getDirIterator(listed.dir);
+  std::uint64_t skipped = stored ? stored->cookie : 0;
+  // The client may name any cookie; there are no more steps than entries.
+  for (; skipped != cookie && it; ++it) {
+    if (!isLeftOut(it->name)) ++skipped;
+  }
+  iterateDir(it, [&](const std::string& name, const MetaData& md) {
+    if (isLeftOut(name)) return false;
+    const bool isFull = visit(name, md, cookie + 1);
+    if (!isFull) ++cookie;
+    return isFull;
+  });
+  const bool isComplete = !it;
+  if (cookie != 0) {
+    m_positions.store({host, listed.isRoot, listed.modifyTime, cookie, std::move(it), order});
+  }
+  return isComplete;
+}
+
 void NfsFileSystem::remove(const std::string& name, const NfsPath& dirPath) {
   requireEntryName(name);
   const auto parent = openDirectory(dirPath);
@@ -209,8 +290,7 @@ void NfsFileSystem::remove(const std::string& name, const NfsPath& dirPath) {
     const auto pass = parent->OpenSubdir(name)->Enumerate();
     if (!pass) throw std::runtime_error(message("Cannot enumerate directory [%1]", child));
     for (; pass->IsValid(); pass->MoveNext()) {
-      const std::string& entry = pass->Current().name;
-      if (entry != "." && entry != "..") {
+      if (!isSelfOrParent(pass->Current().name)) {
         throw std::runtime_error(message("Directory is not empty [%1]", child));
       }
     }

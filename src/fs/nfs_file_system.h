@@ -7,6 +7,8 @@
 #include <nfslib/nfs_path.h>
 
 #include "common/nfs_handle.h"
+#include "common/profile.h"
+#include "fs/directory_listings.h"
 #include "fs/directory_positions.h"
 #include "fs/handle_map.h"
 #include "fs/metadata_cache.h"
@@ -29,13 +31,13 @@ namespace nfslib {
 // Thread-safe. Locks, in their order (a thread that holds one takes only later ones, and no host
 // call is made under any of them, since a host may be as slow as its disk):
 //   1. m_cacheLock   the directory and open-file caches
-//   2. the locks inside m_handles, m_metaData and m_positions, no two at once
+//   2. the locks inside m_handles, m_metaData, m_positions and m_listings, no two at once
 // A request that began to ask the host before another one changed the tree does not store its
 // answer: see `m_changes` and MetaDataCache. One that asks in the midst of a change could, so
 // requests on a writable export run one by one.
 class NfsFileSystem {
  public:
-  NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec);
+  NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec, const Profile& profile = {});
   ~NfsFileSystem();
   NfsFileSystem(const NfsFileSystem&) = delete;
   NfsFileSystem& operator=(const NfsFileSystem&) = delete;
@@ -55,7 +57,9 @@ class NfsFileSystem {
 
   // Nothing when the object cannot be reached, for whatever reason the host gives.
   std::optional<MetaData> findMetaData(const NfsPath& path);
-  // The same; throws std::runtime_error when there is nothing.
+  // The same; what the host throws passes out.
+  MetaData lookUpMetaData(const NfsPath& path);
+  // The same; throws std::runtime_error when there is nothing, and in it what the host threw.
   MetaData getMetaData(const NfsPath& path);
   // The same, from the host in any case: what a client's changes are applied to, since the host
   // takes whatever differs from its own attributes for a change.
@@ -65,6 +69,27 @@ class NfsFileSystem {
   // that the host has now.
   void setMetaData(const NfsPath& path, const MetaData& md);
   void dropMetaData(const NfsPath& path) { m_metaData->erase(path); }
+
+  // ---- Changes, as clients are told of them. Only the profile decides how; a caller gives the
+  // attributes that it shows.
+
+  struct ChangeTime {
+    std::uint32_t seconds = 0;
+    std::uint32_t nanoseconds = 0;
+  };
+  // ctime of version 3, which its clients go by to see whether what they keep is still right. Where
+  // changes are counted, the nanoseconds are the count.
+  ChangeTime changeTimeOf(const MetaData& md) const;
+  // The change attribute of version 4. Where changes are counted, the count is its lower half.
+  std::uint64_t changeOf(const MetaData& md) const;
+  // What a reply tells of an object that a call has just given the attributes `wanted`: those, or
+  // in a profile whose replies have to agree with each other what the host has.
+  MetaData shownAfterChange(const NfsPath& path, const MetaData& wanted);
+
+  // Nothing when the host has none, or clients are not to be told.
+  std::optional<FileSystemStatistics> statistics() const;
+
+  const Profile& profile() const { return m_profile; }
 
   // ---- Opening. The host's exceptions pass out unchanged, and nothing is cached then.
 
@@ -83,6 +108,20 @@ class NfsFileSystem {
                   const std::function<bool(const std::string&, const MetaData&)>& visit);
   // Where listings of this export stopped.
   DirectoryPositions& positions() { return m_positions; }
+
+  // The directory that is listed. `dir` is the object to ask.
+  struct Listed {
+    std::shared_ptr<Directory> dir;
+    bool isRoot = false;
+    std::uint64_t fileId = 0;
+    std::uint32_t modifyTime = 0;
+  };
+  // One entry of a listing, and its cookie. True: it does not fit the page.
+  using VisitEntry = std::function<bool(const std::string&, const MetaData&, std::uint64_t)>;
+  // Goes on behind the entry with the cookie, 0 for the start, until `visit` says that the page is
+  // full. Returns whether the listing is complete. How cookies are numbered is known here alone;
+  // `order` counts where the profile's listings are those of the host.
+  bool list(const Listed& listed, std::uint64_t cookie, CookieOrder order, const VisitEntry& visit);
 
   // ---- Changing the tree
 
@@ -111,7 +150,12 @@ class NfsFileSystem {
   void dropCached(const NfsPath& path);
   void dropCachedTree(const NfsPath& path);
 
+  bool listFromPosition(const Listed& listed, std::uint64_t cookie, CookieOrder order,
+                        const VisitEntry& visit);
+
   FileSystem& m_fs;
+  const IStatistics* const m_statistics;  // m_fs itself; nullptr when there are none to be told
+  const Profile m_profile;
   const bool m_writable;
 
   mutable std::mutex m_cacheLock;
@@ -123,6 +167,7 @@ class NfsFileSystem {
   std::atomic<std::uint64_t> m_placeChanges = 0;
   const std::shared_ptr<MetaDataCache> m_metaData;  // shared with the wrappers
   DirectoryPositions m_positions;
+  DirectoryListings m_listings;  // in use instead of the positions where listings are remembered
 };
 
 // The same for a move that may have gone from one export of a tree to another.

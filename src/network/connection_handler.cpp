@@ -7,7 +7,10 @@
 namespace nfslib::network {
 
 ConnectionHandler::ConnectionHandler(rpc::RpcRequestProcessor& processor, const sockaddr_in& peer)
-    : m_processor(processor), m_stream(std::in_place), m_peer(peer) {}
+    : m_processor(processor),
+      m_rules(processor.transportRules()),
+      m_stream(std::in_place),
+      m_peer(peer) {}
 
 void ConnectionHandler::handleConnection(const bool& stop) {
   try {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/memory_stream.h"
+#include "rpc/rpc_request_processor.h"
 
 #include <atomic>
 #include <memory>
@@ -9,10 +10,6 @@
 #include <thread>
 
 #include <netinet/in.h>
-
-namespace nfslib::rpc {
-class RpcRequestProcessor;
-}
 
 namespace nfslib::network {
 
@@ -48,6 +45,7 @@ class ConnectionHandler {
   virtual void prepareStream(MemoryStream&) {}
 
   rpc::RpcRequestProcessor& m_processor;
+  const rpc::TransportRules m_rules;
   std::optional<MemoryStream> m_stream;  // until the connection ends
   sockaddr_in m_peer;
 

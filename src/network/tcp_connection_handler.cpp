@@ -73,6 +73,7 @@ void TcpConnectionHandler::processRequests(const bool& stop) {
 bool TcpConnectionHandler::readFragment() {
   FragmentHeader header;
   if (!readFragmentHeader(header) || header.length == 0) return false;
+  if (m_rules.joinsFragments && !header.last) return readFragments(header);
   return header.length > MemoryStream::getBufferSize() ? readOversizedFragment(header)
                                                        : readFragmentData(header);
 }
@@ -103,6 +104,31 @@ bool TcpConnectionHandler::readFragmentData(const FragmentHeader& header) {
     return endOfStream();
   }
   m_stream->setInputSize(header.length);
+  return true;
+}
+
+// What goes beyond the area is skipped, within reason: the caller gets an answer.
+bool TcpConnectionHandler::readFragments(FragmentHeader header) {
+  sendReplies({});
+  memory::mutable_buffer room = m_stream->inputArea();
+  std::size_t size = 0;
+  for (bool isFirst = true;; isFirst = false) {
+    if (!isFirst && !readFragmentHeader(header)) return false;
+    size += header.length;
+    if (size > kHopelessLength || (header.length == 0 && !header.last)) return false;
+    const std::size_t fitting = std::min<std::size_t>(header.length, room.size());
+    std::size_t received = m_received->take({room.data(), fitting});
+    if (received == fitting) received += m_received->skip(header.length - fitting);
+    if (received < header.length) return endOfStream();
+    room += fitting;
+    if (header.last) break;
+  }
+  const bool fits = size <= MemoryStream::getBufferSize();
+  m_stream->setInputSize(fits ? static_cast<unsigned>(size) : kHeadOfRecord);
+  if (fits) return true;
+  log().warn("A record of [%1] bytes is longer than the [%2] bytes that are accepted.", size,
+             MemoryStream::getBufferSize());
+  m_stream->errorOccurred();
   return true;
 }
 

@@ -12,8 +12,8 @@
 
 namespace nfslib::network {
 
-// One TCP connection: RPC records behind record marks (RFC 5531 section 11), each taken for a whole
-// call whatever its last-fragment flag says.
+// One TCP connection: RPC records behind record marks (RFC 5531 section 11). Each fragment is taken
+// for a whole call whatever its last-fragment flag says, unless the processor wants them joined.
 //
 // Calls that arrived together are answered together: a reply waits for the next one while further
 // calls are already here, but never long and never while the connection waits for its peer.
@@ -36,10 +36,12 @@ class TcpConnectionHandler final : public ConnectionHandler {
   void processRequests(const bool& stop) override;
   void release() override;
 
-  // All three return false when the connection is to end, after a line that says why.
+  // All four return false when the connection is to end, after a line that says why.
   bool readFragmentHeader(FragmentHeader& header);
   bool readFragmentData(const FragmentHeader& header);
   bool readFragment();
+  // The rest of a record whose first fragment, which is not its last, has this header.
+  bool readFragments(FragmentHeader header);
   // A record that the stream cannot hold: its head is left in the stream, which is marked failed,
   // so that the caller gets an answer; the rest is skipped.
   bool readOversizedFragment(const FragmentHeader& header);

@@ -6,11 +6,17 @@
 #include "rpc/rpc_request_processor.h"
 
 #include <cerrno>
+#include <chrono>
 #include <stdexcept>
+#include <thread>
 
 #include <sys/socket.h>
 
 namespace nfslib::network {
+
+namespace {
+constexpr std::chrono::milliseconds kPauseAfterFailure{10};
+}
 
 UdpConnectionHandler::UdpConnectionHandler(int socket, rpc::RpcRequestProcessor& processor)
     : ConnectionHandler(processor, {}), m_socket(socket) {
@@ -18,13 +24,17 @@ UdpConnectionHandler::UdpConnectionHandler(int socket, rpc::RpcRequestProcessor&
 }
 
 void UdpConnectionHandler::processRequests(const bool& stop) {
-  try {
-    while (!isSet(stop) && receive()) {
+  while (!isSet(stop)) {
+    try {
+      if (!receive()) return;
       m_processor.UdpRequestReceived(*this);
-      renewFailedStream();
+    } catch (const std::exception& e) {
+      std::runtime_error failure(message("Failed to process request. Exception: [%1]", e.what()));
+      if (!m_rules.outlivesFailures) throw failure;
+      log().err(failure);
+      m_stream->clearOutput();
     }
-  } catch (const std::exception& e) {
-    throw std::runtime_error(message("Failed to process request. Exception: [%1]", e.what()));
+    renewFailedStream();
   }
 }
 
@@ -42,6 +52,8 @@ bool UdpConnectionHandler::receive() {
     return false;
   }
   if (received < 0) {
+    // One that lasts must not keep a processor busy.
+    if (m_rules.outlivesFailures) std::this_thread::sleep_for(kPauseAfterFailure);
     throw std::runtime_error(
         message("Failed to receive data. Error: [%1]", utility::getErrnoDescription(error)));
   }
@@ -52,6 +64,7 @@ bool UdpConnectionHandler::receive() {
 void UdpConnectionHandler::flush() {
   const memory::const_buffer reply = m_stream->getOutputBuffer();
   ssize_t sent = 0;
+  if (reply.empty()) return;  // what was received is no call
   if (reply.size() > kLongestReply) {
     log().warn("A reply of [%1] bytes to [%2] does not fit a datagram and is dropped.",
                reply.size(), address::str(m_peer));

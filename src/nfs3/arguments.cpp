@@ -1,10 +1,13 @@
 #include "nfs3/arguments.h"
 
+#include "common/host_failure.h"
 #include "common/log.h"
 #include "common/status.h"
 #include "common/xdr_records.h"
+#include "nfs3/limits.h"
+#include "nfs3/wire_sizes.h"
 
-#include <stdexcept>
+#include <exception>
 
 namespace nfslib::nfs3::procedures::utility {
 
@@ -13,29 +16,59 @@ using nfs::OperationResult;
 
 namespace {
 
+NfsHandle decodeHandle(MemoryStream& stream, const NfsService& service) {
+  NfsHandle handle;
+  const bool isThere = stream.getInputDataSize() >= kWordSize;
+  stream >> handle;
+  // Another length than ours: the handle was never one of this server's.
+  if (service.profile().isModern && !stream) {
+    if (!isThere) checkDecoded(stream);
+    throw NfsOperationError(OperationResult::BadHandle);
+  }
+  return handle;
+}
+
 void throwIfStale(const NfsHandle& handle, const NfsService& service) {
   if (service.isStaleHandle(handle)) throw NfsOperationError(OperationResult::InvalidFileHandle);
+}
+
+// What to tell of an entry whose attributes cannot be had. Whether the directory is still there
+// decides first; then a host that gives no cause is asked whether there is such an entry.
+OperationResult statusOfAbsence(NfsFileSystem& view, const NfsPath& path,
+                                const std::exception& failure) {
+  const OperationResult status = statusOfFailure(failure);
+  if (status != OperationResult::NoEntry && status != OperationResult::HardwareIoError) {
+    return status;
+  }
+  const NfsPath dir = path.getParentPath();
+  view.getMetaData(dir);
+  if (status == OperationResult::NoEntry) return status;
+  const bool isThere = view.openDirectory(dir)->TryGetEntryByName(path.getFileName()).has_value();
+  return isThere ? status : OperationResult::NoEntry;
 }
 
 }  // namespace
 
 NfsHandle readHandle(MemoryStream& stream, const NfsService& service) {
-  NfsHandle handle;
-  stream >> handle;
+  const NfsHandle handle = decodeHandle(stream, service);
   throwIfStale(handle, service);
   return handle;
 }
 
 DirOpArgs readDirOpArgs(MemoryStream& stream, const NfsService& service) {
   DirOpArgs args;
-  stream >> args.dir >> args.name;
+  args.dir = decodeHandle(stream, service);
+  stream >> args.name;
   throwIfStale(args.dir, service);
+  if (service.profile().isModern && args.name.size() > kMaxNameLength) {
+    throw NfsOperationError(OperationResult::FileNameIsTooLong);
+  }
   return args;
 }
 
 void checkDecoded(const MemoryStream& stream) {
   if (!stream) {
-    throw std::runtime_error("The call's arguments are shorter than its procedure takes.");
+    throw UndecodableArguments("The call's arguments are shorter than its procedure takes.");
   }
 }
 
@@ -53,8 +86,23 @@ ViewAndPath getPath(const DirOpArgs& args, const NfsService& service) {
   ViewAndPath found = getPath(args.dir, service);
   auto& [view, path] = found;
   path = path / args.name;
-  if (!view->pathExists(path)) throw NfsOperationError(OperationResult::NoEntry);
+  if (service.profile().isModern) {
+    if (args.name.empty() || args.name.find('/') != args.name.npos) {
+      throw NfsOperationError(OperationResult::InvalidArgument);
+    }
+    entryMetaData(*view, path);
+  } else if (!view->pathExists(path)) {
+    throw NfsOperationError(OperationResult::NoEntry);
+  }
   return found;
+}
+
+MetaData entryMetaData(NfsFileSystem& view, const NfsPath& path) {
+  try {
+    return view.lookUpMetaData(path);
+  } catch (const std::exception& e) {
+    throw NfsOperationError(statusOfAbsence(view, path, e));
+  }
 }
 
 }  // namespace nfslib::nfs3::procedures::utility

@@ -26,20 +26,25 @@ namespace procedures::utility {
 
 using ViewAndPath = std::pair<std::shared_ptr<NfsFileSystem>, NfsPath>;
 
-// A handle of another start of the server throws InvalidFileHandle. So does one that could not be
-// decoded: it stays zero, and no start of the server is that old.
+// In the modern profile a handle that cannot be decoded throws BadHandle, and a name that is too
+// long FileNameIsTooLong. A handle of another start of the server throws InvalidFileHandle. So does
+// one that could not be decoded: it stays zero, and no start of the server is that old.
 NfsHandle readHandle(MemoryStream& stream, const NfsService& service);
 DirOpArgs readDirOpArgs(MemoryStream& stream, const NfsService& service);
 
-// To be called behind the last argument and before any of them is used: throws std::runtime_error,
-// which ends the call as garbage, when the input was too short for them.
+// To be called behind the last argument and before any of them is used: throws
+// UndecodableArguments, which ends the call as garbage, when the input was too short for them.
 void checkDecoded(const MemoryStream& stream);
 
 // The export and the path that the handle names. InvalidFileHandle when no object is known by it,
-// std::runtime_error when there is no such export.
+// UnknownHandle when there is no such export.
 ViewAndPath getPath(const NfsHandle& handle, const NfsService& service);
 // The same for a name in a directory; the path is the entry's. NoEntry when there is no such entry.
 ViewAndPath getPath(const DirOpArgs& args, const NfsService& service);
+
+// The attributes of the entry at `path`. Throws NfsOperationError with the status that tells why
+// there are none, and as getMetaData does when there is no such directory.
+MetaData entryMetaData(NfsFileSystem& view, const NfsPath& path);
 
 }  // namespace procedures::utility
 

@@ -2,8 +2,10 @@
 
 #include "common/clock.h"
 #include "common/xdr_records.h"
+#include "fs/nfs_file_system.h"
 #include "nfs3/wire_sizes.h"
 
+#include <algorithm>
 #include <array>
 
 #include <arpa/inet.h>
@@ -84,7 +86,7 @@ MemoryStream& operator<<(MemoryStream& out, const fattr3& value) {
       value.modifyTime,
       kNoNanoseconds,
       value.changeTime,
-      kNoNanoseconds,
+      value.changeNanoseconds,
   };
   static_assert(sizeof words == kFattr3Size);
   for (std::uint32_t& word : words) word = htonl(word);
@@ -98,7 +100,7 @@ MemoryStream& operator<<(MemoryStream& out, const PostOpAttr& value) {
 
 MemoryStream& operator<<(MemoryStream& out, const PreOpAttr& value) {
   return out << true << value.size << value.modifyTime << kNoNanoseconds << value.changeTime
-             << kNoNanoseconds;
+             << value.changeNanoseconds;
 }
 
 MemoryStream& operator<<(MemoryStream& out, const WccData& value) {
@@ -141,6 +143,16 @@ fattr3 procedures::utility::getAttributes(const NfsHandle& handle, const MetaDat
       .modifyTime = md.modifyTime,
       .changeTime = md.changeTime,
   };
+}
+
+fattr3 procedures::utility::getAttributes(const NfsFileSystem& view, const NfsHandle& handle,
+                                          const MetaData& md) {
+  fattr3 shown = getAttributes(handle, md);
+  shown.linkCount = std::max(shown.linkCount, view.profile().fewestLinks);
+  const auto [seconds, nanoseconds] = view.changeTimeOf(md);
+  shown.changeTime = seconds;
+  shown.changeNanoseconds = nanoseconds;
+  return shown;
 }
 
 }  // namespace nfslib::nfs3

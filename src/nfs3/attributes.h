@@ -8,10 +8,14 @@
 #include <cstdint>
 #include <optional>
 
+namespace nfslib {
+class NfsFileSystem;
+}
+
 namespace nfslib::nfs3 {
 
 // The attributes of one object, RFC 1813 section 2.6. Fields in wire order; what is not a field
-// here (rdev, nanoseconds) is zero on the wire.
+// here (rdev, nanoseconds but those of ctime) is zero on the wire.
 struct fattr3 {
   std::uint32_t type = 0;  // ftype3
   std::uint32_t mode = 0;
@@ -25,6 +29,7 @@ struct fattr3 {
   std::uint32_t accessTime = 0;  // atime, seconds
   std::uint32_t modifyTime = 0;  // mtime, seconds
   std::uint32_t changeTime = 0;  // ctime, seconds
+  std::uint32_t changeNanoseconds = 0;
 };
 
 // post_op_attr. The attributes are always at hand, so they always follow.
@@ -38,9 +43,13 @@ struct PreOpAttr {
   std::uint64_t size = 0;
   std::uint32_t modifyTime = 0;  // seconds
   std::uint32_t changeTime = 0;  // seconds
+  std::uint32_t changeNanoseconds = 0;
 
   explicit PreOpAttr(const fattr3& before)
-      : size(before.size), modifyTime(before.modifyTime), changeTime(before.changeTime) {}
+      : size(before.size),
+        modifyTime(before.modifyTime),
+        changeTime(before.changeTime),
+        changeNanoseconds(before.changeNanoseconds) {}
 };
 
 // wcc_data
@@ -87,6 +96,9 @@ namespace procedures::utility {
 
 // What `md` says of the object that `handle` names; the identities come from the handle.
 fattr3 getAttributes(const NfsHandle& handle, const MetaData& md);
+// The same as the view's clients are to see it. For `md` from before a change to be called before
+// it.
+fattr3 getAttributes(const NfsFileSystem& view, const NfsHandle& handle, const MetaData& md);
 
 }  // namespace procedures::utility
 

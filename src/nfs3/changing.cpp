@@ -1,5 +1,6 @@
 #include "nfs3/changing.h"
 
+#include "common/clock.h"
 #include "common/host_failure.h"
 #include "common/xdr_records.h"
 #include "fs/entry_name.h"
@@ -11,17 +12,17 @@ namespace nfslib::nfs3::procedures::utility {
 using nfs::OperationResult;
 
 Changing::Changing(const NfsHandle& handle, const NfsService& service)
-    : Changing(handle, getPath(handle, service)) {}
+    : Changing(handle, getPath(handle, service), service.profile()) {}
 
-Changing::Changing(const NfsHandle& handle, ViewAndPath found)
-    : m_handle(handle),
+Changing::Changing(const NfsHandle& handle, ViewAndPath found, const Profile& profile)
+    : m_profile(profile),
+      m_handle(handle),
       m_view(std::move(found.first)),
       m_path(std::move(found.second)),
-      m_before(m_view->getMetaData(m_path)) {}
+      m_before(getAttributes(*m_view, m_handle, m_view->getMetaData(m_path))) {}
 
 WccData Changing::wccData() const {
-  return {PreOpAttr(getAttributes(m_handle, m_before)),
-          {getAttributes(m_handle, m_view->getMetaData(m_path))}};
+  return {PreOpAttr(m_before), {getAttributes(*m_view, m_handle, m_view->getMetaData(m_path))}};
 }
 
 void create(MemoryStream& stream, const Changing& dir, const std::string& name,
@@ -30,9 +31,11 @@ void create(MemoryStream& stream, const Changing& dir, const std::string& name,
   MetaData md;
   NfsHandle handle;
   const OperationResult status = statusOfHostCall(
+      dir.profile(),
       [&] {
         requireEntryName(name);
         md = make(*dir.view().openDirectory(dir.path()));
+        md = dir.view().shownAfterChange(dir.path() / name, md);
         handle = dir.view().getHandle(dir.handle(), dir.path() / name, md);
       },
       [&](std::string_view why) {
@@ -43,9 +46,25 @@ void create(MemoryStream& stream, const Changing& dir, const std::string& name,
 
   stream << status;
   if (status == OperationResult::OK) {
-    stream << PostOpHandle{handle} << PostOpAttr{getAttributes(handle, md)};
+    stream << PostOpHandle{handle} << PostOpAttr{getAttributes(dir.view(), handle, md)};
   }
   stream << wcc;
+}
+
+std::optional<Owner> ownerIn(const Changing& dir, const rpc::AuthOpaque& caller) {
+  return nfslib::utility::ownerOfNew(dir.profile(), dir.before().mode, dir.before().gid, caller);
+}
+
+MetaData settledMetaData(NfsFileSystem& view, const NfsPath& path, const SetAttributes3& wanted,
+                         std::uint32_t modifiedBefore) {
+  MetaData md = view.readMetaData(path);
+  const bool movesTime =
+      wanted.size.has_value() && wanted.modifyTime.how == SetAttributes3::TimeHow::DontChange;
+  const std::uint32_t now = nfslib::utility::currentSeconds();
+  if (!movesTime || md.modifyTime != modifiedBefore || md.modifyTime == now) return md;
+  md.modifyTime = now;
+  view.setMetaData(path, md);
+  return view.readMetaData(path);
 }
 
 }  // namespace nfslib::nfs3::procedures::utility

@@ -4,13 +4,19 @@
 #include <nfslib/metadata.h>
 #include <nfslib/nfs_path.h>
 
+#include "common/credential.h"
+#include "common/log.h"
+#include "common/permission.h"
+#include "common/profile.h"
 #include "fs/nfs_file_system.h"
 #include "nfs3/arguments.h"
 #include "nfs3/attributes.h"
 #include "server/nfs_service.h"
 
+#include <exception>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,36 +31,67 @@ class Changing {
   Changing(const NfsHandle& handle, const NfsService& service);
 
   const NfsHandle& handle() const { return m_handle; }
+  const Profile& profile() const { return m_profile; }
   NfsFileSystem& view() const { return *m_view; }
   const NfsPath& path() const { return m_path; }
+  const fattr3& before() const { return m_before; }
 
   // With the attributes of now behind those from before.
   WccData wccData() const;
 
  private:
-  Changing(const NfsHandle& handle, ViewAndPath found);
+  Changing(const NfsHandle& handle, ViewAndPath found, const Profile& profile);
 
+  const Profile& m_profile;
   NfsHandle m_handle;
   std::shared_ptr<NfsFileSystem> m_view;
   NfsPath m_path;
-  MetaData m_before;
+  fattr3 m_before;
 };
 
 // CREATE, MKDIR and SYMLINK from the debug line on: `make` creates the entry `name` in the host's
-// directory and returns the attributes of what it made. The reply is written here. A refusal means
-// FileExist, after `tell` has logged why.
+// directory and returns the attributes of what it made. The reply is written here. In the classic
+// profile a refusal means FileExist, after `tell` has logged why.
 void create(MemoryStream& stream, const Changing& dir, const std::string& name,
             const std::function<MetaData(Directory&)>& make,
             const std::function<void(std::string_view)>& tell);
 
+using nfslib::utility::Owner;
+
+// Who is to own what the caller makes in `dir`; nobody where the host decides.
+std::optional<Owner> ownerIn(const Changing& dir, const rpc::AuthOpaque& caller);
+
+// Gives a fresh object to `owner`, and leaves it to whom the host gave it when the host refuses.
+template <class Object>
+void giveTo(const Owner& owner, Object& object) {
+  MetaData md = object.GetMetaData();
+  if (md.uid == owner.uid && md.gid == owner.gid) return;
+  md.uid = owner.uid;
+  md.gid = owner.gid;
+  try {
+    object.SetMetaData(md);
+  } catch (const std::exception& e) {
+    log().dbg("A fresh object keeps the owner that the host gave it: [%1]", e.what());
+  }
+}
+
 // Sets what the client wants of a file, directory or symbolic link that was just made, and returns
 // its attributes with that.
 template <class Object>
-MetaData withAttributes(Object& object, const SetAttributes3& wanted) {
+MetaData withAttributes(Object& object, const SetAttributes3& wanted,
+                        const std::optional<Owner>& owner) {
+  if (owner) giveTo(*owner, object);
   MetaData md = object.GetMetaData();
   wanted.applyTo(md);
   object.SetMetaData(md);
-  return md;
+  // The host moved times as well.
+  return owner ? object.GetMetaData() : md;
 }
+
+// The attributes of now, behind a change by `wanted` of an object that was modified before that at
+// `modifiedBefore`. A size that is set moves
+// the modification time even when it is the old size, which hosts do not take for a change.
+MetaData settledMetaData(NfsFileSystem& view, const NfsPath& path, const SetAttributes3& wanted,
+                         std::uint32_t modifiedBefore);
 
 }  // namespace nfslib::nfs3::procedures::utility

@@ -13,7 +13,4 @@ constexpr std::uint64_t kMaxFileSize = 0x7FFF'FFFF'FFFF'FFFF;
 constexpr unsigned kMaxLinks = 1023;
 constexpr unsigned kMaxNameLength = 255;  // bytes
 
-// writeverf3: nothing is ever lost between WRITE and COMMIT, so it never changes.
-constexpr std::uint64_t kWriteVerifier = 0;
-
 }  // namespace nfslib::nfs3

@@ -16,10 +16,12 @@ class Nfs3Program : public rpc::RpcProgram {
  public:
   static constexpr unsigned kVersion = 3;
 
-  // `writeEnabled` decides which rights ACCESS can grant; it refuses nothing by itself.
+  // `writeEnabled` decides which rights ACCESS can grant. Only in the modern profile does it refuse
+  // changes by itself.
   Nfs3Program(NfsService& service, bool writeEnabled)
       : m_service(service), m_writeEnabled(writeEnabled) {}
 
+  rpc::Versions versions() const override { return {kVersion, kVersion}; }
   rpc::RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                             const rpc::AuthOpaque& caller) override;
 

@@ -11,48 +11,66 @@ namespace nfslib::nfs3 {
 namespace {
 
 using namespace procedures;
+using enum Effect;
 
 template <class Handler>
 void plain(const Call& call) {
   Handler::execute(call.stream, call.service);
 }
 
-constexpr std::array kProcedures{
-    Procedure{0, "NULL", [](const Call&) {}},
-    Procedure{1, "GETATTR", plain<CGetAttributes>},
-    Procedure{2, "SETATTR", plain<CSetAttributes>},
-    Procedure{3, "LOOKUP", plain<CLookupObject>},
-    Procedure{4, "ACCESS",
+template <class Handler>
+void withCaller(const Call& call) {
+  Handler::execute(call.stream, call.service, call.caller);
+}
+
+constexpr std::array kModern{
+    Procedure{0, "NULL", Reads, 0, [](const Call&) {}},
+    Procedure{1, "GETATTR", Reads, 0, plain<CGetAttributes>},
+    Procedure{2, "SETATTR", Changes, 2, plain<CSetAttributes>},
+    Procedure{3, "LOOKUP", Reads, 1, plain<CLookupObject>},
+    Procedure{4, "ACCESS", Reads, 1,
               [](const Call& call) {
                 CCheckAccess::execute(call.stream, call.service, call.caller, call.writeEnabled);
               }},
-    Procedure{5, "READLINK", plain<CReadLink>},
-    Procedure{6, "READ", plain<CReadFile>},
-    Procedure{7, "WRITE", plain<CWriteFile>},
-    Procedure{8, "CREATE", plain<CCreateFile>},
-    Procedure{9, "MKDIR", plain<CMakeDirectory>},
-    Procedure{10, "SYMLINK", plain<CSymlink>},
-    Procedure{12, "REMOVE", plain<CRemoveFile>},
-    Procedure{13, "RMDIR", plain<CRemoveDirectory>},
-    Procedure{14, "RENAME", plain<CRename>},
-    Procedure{15, "LINK", plain<CLink>},
-    Procedure{16, "READDIR", plain<CReadDirectory>},
-    Procedure{17, "READDIRPLUS",
+    Procedure{5, "READLINK", Reads, 1, plain<CReadLink>},
+    Procedure{6, "READ", Reads, 1, plain<CReadFile>},
+    Procedure{7, "WRITE", Changes, 2, plain<CWriteFile>},
+    Procedure{8, "CREATE", Changes, 2, withCaller<CCreateFile>},
+    Procedure{9, "MKDIR", Changes, 2, withCaller<CMakeDirectory>},
+    Procedure{10, "SYMLINK", Changes, 2, withCaller<CSymlink>},
+    Procedure{12, "REMOVE", Changes, 2, plain<CRemoveFile>},
+    Procedure{13, "RMDIR", Changes, 2, plain<CRemoveDirectory>},
+    Procedure{14, "RENAME", Changes, 4, plain<CRename>},
+    Procedure{15, "LINK", Changes, 3, plain<CLink>},
+    Procedure{16, "READDIR", Reads, 1, plain<CReadDirectory>},
+    Procedure{17, "READDIRPLUS", Reads, 1,
               [](const Call& call) { CReadDirectory::executeExtended(call.stream, call.service); }},
-    Procedure{18, "FSSTAT", plain<CGetDynamicFsInfo>},
-    Procedure{19, "FSINFO", plain<CGetStaticFsInfo>},
-    Procedure{20, "PATHCONF", plain<CGetPathConfiguration>},
-    Procedure{21, "COMMIT", plain<CCommit>},
+    Procedure{18, "FSSTAT", Reads, 1, plain<CGetDynamicFsInfo>},
+    Procedure{19, "FSINFO", Reads, 1, plain<CGetStaticFsInfo>},
+    Procedure{20, "PATHCONF", Reads, 1, plain<CGetPathConfiguration>},
+    Procedure{21, "COMMIT", Reads, 2, plain<CCommit>},
 };
-static_assert(std::ranges::is_sorted(kProcedures, std::ranges::less_equal{}, &Procedure::number));
+static_assert(std::ranges::is_sorted(kModern, std::ranges::less_equal{}, &Procedure::number));
+
+constexpr auto kClassic = [] {
+  auto rows = kModern;
+  for (Procedure& row : rows) {
+    row.failureFlags = 1;
+    row.effect = Reads;
+  }
+  return rows;
+}();
 
 }  // namespace
 
-std::span<const Procedure> procedureTable() { return kProcedures; }
+std::span<const Procedure> procedureTable(const Profile& profile) {
+  return profile.isModern ? kModern : kClassic;
+}
 
-const Procedure* findProcedure(unsigned number) {
-  const auto row = std::ranges::lower_bound(kProcedures, number, {}, &Procedure::number);
-  return row != kProcedures.end() && row->number == number ? &*row : nullptr;
+const Procedure* findProcedure(unsigned number, const Profile& profile) {
+  const std::span<const Procedure> table = procedureTable(profile);
+  const auto row = std::ranges::lower_bound(table, number, {}, &Procedure::number);
+  return row != table.end() && row->number == number ? &*row : nullptr;
 }
 
 }  // namespace nfslib::nfs3

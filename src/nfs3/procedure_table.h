@@ -2,6 +2,7 @@
 
 #include "common/credential.h"
 #include "common/memory_stream.h"
+#include "common/profile.h"
 
 #include <span>
 #include <string_view>
@@ -20,16 +21,24 @@ struct Call {
   bool writeEnabled = false;
 };
 
+// What a procedure does to the tree.
+enum class Effect { Reads, Changes };
+
 struct Procedure {
   unsigned number = 0;
   std::string_view name;  // as in RFC 1813
+  Effect effect = Effect::Reads;
+  // The words behind the status of a failure, each saying that no attributes follow: one for a
+  // post_op_attr, two for a wcc_data.
+  unsigned failureFlags = 0;
   void (*execute)(const Call& call) = nullptr;
 };
 
-// The procedures that are served, by ascending number.
-std::span<const Procedure> procedureTable();
+// The procedures that are served, by ascending number. In the classic profile every failure has one
+// flag, and a server that serves read-only leaves it to the host to refuse changes.
+std::span<const Procedure> procedureTable(const Profile& profile = {});
 
 // The row of `number`, nullptr when that procedure is not served.
-const Procedure* findProcedure(unsigned number);
+const Procedure* findProcedure(unsigned number, const Profile& profile = {});
 
 }  // namespace nfslib::nfs3

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <nfslib/directory_iterator.h>
 #include <nfslib/file_system.h>
 
 #include "common/credential.h"
@@ -38,7 +37,8 @@ struct CLookupObject {
   static void execute(MemoryStream& stream, NfsService& service);
 };
 
-// ACCESS (4), section 3.3.4. Rights that lead to a change are granted on writable exports only.
+// ACCESS (4), section 3.3.4. Rights that lead to a change are granted on writable exports only; in
+// the classic profile that of execution, too.
 struct CCheckAccess {
   static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller,
                       bool writeEnabled);
@@ -61,17 +61,17 @@ struct CWriteFile {
 
 // CREATE (8), section 3.3.8
 struct CCreateFile {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // MKDIR (9), section 3.3.9
 struct CMakeDirectory {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // SYMLINK (10), section 3.3.10
 struct CSymlink {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // REMOVE (12), section 3.3.12
@@ -94,8 +94,8 @@ struct CLink {
   static void execute(MemoryStream& stream, NfsService& service);
 };
 
-// READDIR (16), section 3.3.16, and READDIRPLUS (17), section 3.3.17. A cookie is the ordinal of
-// its entry in the host's enumeration, from 1.
+// READDIR (16), section 3.3.16, and READDIRPLUS (17), section 3.3.17. Cookies
+// are numbered by the view.
 class CReadDirectory {
  public:
   static void execute(MemoryStream& stream, NfsService& service);
@@ -108,13 +108,8 @@ class CReadDirectory {
   template <class WriteExtra>
   static void list(MemoryStream& stream, const Listing& listing, unsigned limit, unsigned extraSize,
                    const WriteExtra& writeExtra);
-  // At the entry behind the one with the listing's cookie; at the end when there are fewer entries.
-  static DirectoryIterator getDirectoryIterator(const Listing& listing,
-                                                const std::shared_ptr<Directory>& dir);
-  // Keeps the position behind the entry `cookie`, the last one sent, for the call that goes on
-  // there.
-  static void cacheIterator(const Listing& listing, const std::shared_ptr<Directory>& dir,
-                            DirectoryIterator it, std::uint64_t cookie);
+  template <class Write>
+  static bool writeSelfAndParent(const Listing& listing, const Write& write);
 };
 
 // FSSTAT (18), section 3.3.18

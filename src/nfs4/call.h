@@ -5,23 +5,24 @@
 #include "common/memory_stream.h"
 #include "common/status.h"
 #include "common/xdr_records.h"
+#include "nfs4/attributes.h"
 #include "nfs4/session.h"
 #include "server/nfs_service.h"
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 namespace nfslib::nfs4 {
 
 // What a COMPOUND knows of itself while it runs.
 struct FlowOptions {
+  std::uint32_t minorVersion = 0;
   std::uint32_t operationsCount = 0;   // announced
   std::uint32_t currentOperation = 0;  // from 0
   bool responseFromCache = false;      // the whole reply is repeated
   std::shared_ptr<Nfs4Session> session;
-  std::unique_lock<std::mutex> taken;  // of the session; released before it
+  Nfs4Session::Lock taken;  // of the session; released before it
 };
 
 // All that an operation may need.
@@ -36,6 +37,23 @@ struct Call {
   Nfs4Session::FileSystemObject& current() const { return session().getCurrentFileSystemObject(); }
   Nfs4Session::FileSystemObject& saved() const { return session().getSavedFileSystemObject(); }
 };
+
+// ---- Attributes as the profile and the minor version have them
+
+inline const AttributeTable& attributeTable(const Call& call) {
+  return attributeTable(call.service.profile(), call.flow.minorVersion);
+}
+inline ShownObject shown(const Call& call, const Nfs4Session::FileSystemObject& object) {
+  const bool isExportRoot = !object.isPseudoRoot() && object.path.isRootPath();
+  return {object.handle,          object.metaData,        object.fileSystem.get(),
+          call.service.profile(), call.flow.minorVersion, isExportRoot};
+}
+
+// The same for an entry below the current object.
+inline ShownObject shown(const Call& call, const NfsFileSystem& view, const NfsHandle& handle,
+                         const MetaData& md) {
+  return {handle, md, &view, call.service.profile(), call.flow.minorVersion};
+}
 
 // To be called behind an operation's last argument and before any of them is used. Arguments that
 // the input does not hold end the COMPOUND with NFS4ERR_BADXDR.

@@ -1,10 +1,12 @@
 // The half of NfsService that knows the clients of version 4 and their sessions.
 
 #include "common/log.h"
+#include "common/status.h"
 #include "nfs4/client.h"
 #include "nfs4/hexadecimal.h"
 #include "nfs4/read_write_directory_cache.h"
 #include "nfs4/session.h"
+#include "nfs4/state_table.h"
 #include "server/nfs_service.h"
 
 #include <algorithm>
@@ -16,6 +18,8 @@ namespace nfslib {
 namespace {
 
 constexpr std::chrono::seconds kClientPatience{10};
+constexpr std::size_t kMaxClients = 4096;
+constexpr std::size_t kMaxSessions = 16'384;  // of all clients
 
 void putLittleEndian(std::uint64_t value, std::byte* bytes) {
   for (int i = 0; i < 8; ++i) bytes[i] = static_cast<std::byte>(value >> (8 * i));
@@ -36,6 +40,11 @@ Nfs4Client::Nfs4Client(std::uint64_t id, ClientOwner owner, unsigned minorVersio
 
 void Nfs4Client::incLastSessionId() {
   putLittleEndian(++m_sessionCounter, m_lastSessionId.bytes.data() + 8);
+}
+
+unsigned Nfs4Client::getSequenceId() const {
+  const std::lock_guard lock(m_lock);
+  return m_sequenceId;
 }
 
 bool Nfs4Client::isConfirmed() const {
@@ -63,14 +72,21 @@ void Nfs4Client::destroySession(const sessionid& id) {
 }
 
 std::shared_ptr<Nfs4Session> Nfs4Client::createSession(std::uint64_t streamId,
-                                                       ChannelAttributes& channel) {
+                                                       ChannelAttributes& channel,
+                                                       const Profile& profile) {
   const std::lock_guard lock(m_lock);
   incLastSessionId();
+  if (profile.countsSessions) ++m_sequenceId;
   auto session = std::make_shared<Nfs4Session>(m_lastSessionId, m_id, streamId);
-  session->applyChannelAttributes(channel);
+  session->applyChannelAttributes(channel, profile.maxMessage);
   m_sessions.emplace(m_lastSessionId, session);
   m_confirmed = true;
   return session;
+}
+
+nfs4::StateTable& NfsService::openFiles() const {
+  std::call_once(m_openFilesMade, [this] { m_openFiles = std::make_shared<nfs4::StateTable>(); });
+  return *m_openFiles;
 }
 
 std::shared_ptr<Nfs4Client> NfsService::findClientByOwner(const std::string& ownerId) const {
@@ -93,8 +109,10 @@ std::shared_ptr<Nfs4Client> NfsService::createClient(const ClientOwner& owner,
   // One of the other minor version stays, under its id: it may be a live client of the same name.
   const auto before = findClientByOwner(owner.ownerId);
   if (before && before->getMinorVersion() == minorVersion) deleteClientId(before->getId());
+  makeRoomForClient();
   const std::lock_guard lock(m_clientLock);
-  std::uint64_t id = m_clients.size() + 1;
+  std::uint64_t id = m_identity.firstClientId;
+  id += m_profile.reusesClientIds ? m_clients.size() : m_clientsMade++;
   while (m_clients.contains(id)) ++id;
   auto client = std::make_shared<Nfs4Client>(id, owner, minorVersion);
   m_clients.insert_or_assign(id, client);
@@ -102,21 +120,38 @@ std::shared_ptr<Nfs4Client> NfsService::createClient(const ClientOwner& owner,
   return client;
 }
 
+void NfsService::makeRoomForClient() {
+  std::uint64_t unused = 0;
+  {
+    const std::lock_guard lock(m_clientLock);
+    if (m_clients.size() < kMaxClients) return;
+    const auto row = std::find_if(m_clients.begin(), m_clients.end(), [](const auto& client) {
+      return client.second->getSessions().empty();
+    });
+    if (row == m_clients.end()) throw nfs::NfsOperationError(nfs::OperationResult::Resource);
+    unused = row->first;
+  }
+  deleteClientId(unused);
+}
+
 void NfsService::deleteClientId(unsigned long id) {
   std::shared_ptr<Nfs4Client> gone;  // released after the lock, and with it open files of the host
   std::vector<std::shared_ptr<Nfs4Session>> sessions;
-  const std::lock_guard lock(m_clientLock);
-  gone = findIn(m_clients, id);
-  if (gone) {
-    for (const auto& [sessionId, session] : gone->getSessions()) {
-      sessions.push_back(session);
-      m_sessions.erase(sessionId);
+  {
+    const std::lock_guard lock(m_clientLock);
+    gone = findIn(m_clients, id);
+    if (gone) {
+      for (const auto& [sessionId, session] : gone->getSessions()) {
+        sessions.push_back(session);
+        m_sessions.erase(sessionId);
+      }
+      const auto owned = m_clientsByOwner.find(gone->getOwner().ownerId);
+      if (owned != m_clientsByOwner.end() && owned->second == gone) m_clientsByOwner.erase(owned);
+      m_clients.erase(id);
     }
-    const auto owned = m_clientsByOwner.find(gone->getOwner().ownerId);
-    if (owned != m_clientsByOwner.end() && owned->second == gone) m_clientsByOwner.erase(owned);
-    m_clients.erase(id);
+    m_clientGone.notify_all();
   }
-  m_clientGone.notify_all();
+  openFiles().dropClient(id);
 }
 
 void NfsService::deleteClientsOf(unsigned int minorVersion) {
@@ -136,7 +171,10 @@ std::shared_ptr<Nfs4Session> NfsService::createSession(const std::shared_ptr<Nfs
   std::shared_ptr<Nfs4Session> session;
   {
     const std::lock_guard lock(m_clientLock);
-    session = client->createSession(streamId, channel);
+    if (m_sessions.size() >= kMaxSessions) {
+      throw nfs::NfsOperationError(nfs::OperationResult::Resource);
+    }
+    session = client->createSession(streamId, channel, m_profile);
     m_sessions.insert_or_assign(session->id(), session);
   }
   log().info("New NFS4 session has been created, sessionId [%1]", hexadecimal(session->id().bytes));
@@ -164,17 +202,16 @@ void NfsService::waitOnDestroyClients() {
   }
 }
 
-void NfsService::releaseObjects(std::uint32_t fileSystemId) {
+void NfsService::releaseObjects(std::uint32_t fileSystemId,
+                                std::chrono::steady_clock::time_point deadline) {
   std::vector<std::shared_ptr<Nfs4Session>> sessions{Nfs4Session::getDefaultSession()};
   {
     const std::lock_guard lock(m_clientLock);
     for (const auto& [id, session] : m_sessions) sessions.push_back(session);
   }
   nfs4::ReadWriteDirectoryCache::instance().release(fileSystemId);
-  for (const auto& session : sessions) {
-    const auto taken = session->take();
-    session->releaseObjects(fileSystemId);
-  }
+  openFiles().dropFileSystem(fileSystemId);
+  for (const auto& session : sessions) session->releaseObjects(fileSystemId, deadline);
 }
 
 }  // namespace nfslib

@@ -1,5 +1,6 @@
 #include "nfs4/compound.h"
 
+#include "common/host_failure.h"
 #include "nfs4/operation_table.h"
 
 #include <exception>
@@ -54,10 +55,16 @@ void checkHeader(const MemoryStream& stream, unsigned minorVersion, unsigned ope
 // An operation that is refused, whose arguments are not looked at.
 OperationResult refuse(const Call& call, unsigned operation, OperationResult status) {
   respondAlways(call, operation, status);
-  const Operation* row = findOperation(operation);
+  const Operation* row = findOperation(call.service.profile(), operation);
   constexpr unsigned kNoWords = 0;
   if (row != nullptr && row->failureBody == FailureBody::EmptyBitmap) call.stream << kNoWords;
   return status;
+}
+
+// For a COMPOUND of minor version 0: where objects are kept, all share one; else it is by itself.
+std::shared_ptr<Nfs4Session> sessionOfMinorVersion0(const Profile& profile) {
+  return profile.keepsObjects ? Nfs4Session::getDefaultSession()
+                              : std::make_shared<Nfs4Session>(sessionid{}, 0, 0);
 }
 
 }  // namespace
@@ -67,20 +74,18 @@ void CCompound::execute(MemoryStream& stream, NfsService& service, const rpc::Au
   ReplyHead head{stream.getOutputPosition()};
   FlowOptions flow;
   std::string tag;
-  unsigned minorVersion = 0;
   // A response that is being recorded must not be gone on with by the next COMPOUND.
   const auto forgetResponse = [&] {
     if (flow.session) flow.session->setCurrentResponse(nullptr);
   };
   try {
-    stream >> tag >> minorVersion >> flow.operationsCount;
-    log().dbg("Compound: tag [%1], minorVersion[%2], operationsCount [%3]", tag, minorVersion,
+    stream >> tag >> flow.minorVersion >> flow.operationsCount;
+    log().dbg("Compound: tag [%1], minorVersion[%2], operationsCount [%3]", tag, flow.minorVersion,
               flow.operationsCount);
-    checkHeader(stream, minorVersion, flow.operationsCount);
-    if (minorVersion == 0) {
-      flow.session = Nfs4Session::getDefaultSession();
-      flow.taken = flow.session->take();
-      flow.session->followMoves();
+    checkHeader(stream, flow.minorVersion, flow.operationsCount);
+    if (flow.minorVersion == 0) {
+      flow.session = sessionOfMinorVersion0(service.profile());
+      flow.taken = flow.session->take(service.profile());
     }
     stream << OperationResult::OK << tag;
     head.count = stream.getOutputPosition();
@@ -121,14 +126,17 @@ OperationResult CCompound::executeNextOperation(MemoryStream& stream, NfsService
   stream >> number;
   checkDecoded(call);
   log().dbg("NFS4 operation: [%1]", number);
-  if (number < kFirstOperation || number > kLastOperation) {
+  const Profile& profile = service.profile();
+  if (number < kFirstOperation || number > lastOperation(profile, flow.minorVersion)) {
     return refuse(call, kIllegalOperation, OperationResult::OperationIllegal);
   }
   if (!flow.session && !needsNoSession(number)) {
     return refuse(call, number, OperationResult::OperationNotInSession);
   }
-  const Operation* operation = findOperation(number);
-  if (operation == nullptr) return refuse(call, number, OperationResult::NotSupported);
+  const Operation* operation = findOperation(profile, number);
+  const bool isGone = profile.isModern && flow.minorVersion == 1 && operation != nullptr &&
+                      operation->minors == Minors::Only0;
+  if (operation == nullptr || isGone) return refuse(call, number, OperationResult::NotSupported);
 
   const bool isFirst = flow.currentOperation == 0;
   switch (operation->rule) {
@@ -146,7 +154,19 @@ OperationResult CCompound::executeNextOperation(MemoryStream& stream, NfsService
       if (!isFirst) return refuse(call, number, OperationResult::SequencePosition);
       break;
   }
-  return operation->execute(call);
+  if (!profile.isModern) return operation->execute(call);
+  const unsigned start = stream.getOutputPosition();
+  try {
+    return operation->execute(call);
+  } catch (const NfsOperationError&) {
+    throw;  // of the whole COMPOUND
+  } catch (const std::exception& e) {
+    // What the host has not told in any other way is the failure of this operation.
+    log().warn("NFS operation [%1] failed. Error: [%2]", number, e.what());
+    stream.seekOutput(start, SeekOrigin::Begin);
+    stream.truncateOutput();
+    return refuse(call, number, statusOfFailure(e));
+  }
 }
 
 }  // namespace nfslib::nfs4::procedures

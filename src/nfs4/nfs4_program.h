@@ -20,6 +20,7 @@ class Nfs4Program : public rpc::RpcProgram {
   Nfs4Program(NfsService& service, bool writeEnabled)
       : m_service(service), m_writeEnabled(writeEnabled) {}
 
+  rpc::Versions versions() const override { return {kVersion, kVersion}; }
   rpc::RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                             const rpc::AuthOpaque& caller) override;
 

@@ -11,6 +11,7 @@ namespace nfslib::nfs4 {
 namespace {
 
 using namespace operations;
+using nfs::OperationResult;
 
 constexpr std::array kOperations{
     Operation{3, "ACCESS", Rule::Any, CCheckAccess::execute},
@@ -24,8 +25,9 @@ constexpr std::array kOperations{
     Operation{17, "NVERIFY", Rule::Any,
               [](Call& call) { return CVerify::execute(call, CVerify::Mode::NotEqual); }},
     Operation{18, "OPEN", Rule::Any, COpen::execute},
-    Operation{22, "PUTFH", Rule::Any, CPutFileHandle::execute},
-    Operation{24, "PUTROOTFH", Rule::Any, CPutRootFh::execute},
+    Operation{22, "PUTFH", Rule::Any,
+              [](Call& call) { return CPutFileHandle::execute(call, OperationResult::BadHandle); }},
+    Operation{24, "PUTROOTFH", Rule::Any, [](Call& call) { return CPutRootFh::execute(call, 24); }},
     Operation{25, "READ", Rule::Any, CRead::execute},
     Operation{26, "READDIR", Rule::Any, CReadDirectory::execute},
     Operation{27, "READLINK", Rule::Any, CReadLink::execute},
@@ -33,9 +35,10 @@ constexpr std::array kOperations{
     Operation{29, "RENAME", Rule::Write, CRename::execute},
     Operation{31, "RESTOREFH", Rule::Any, CRestoreFileHandle::execute},
     Operation{32, "SAVEFH", Rule::Any, CSaveFileHandle::execute},
-    Operation{34, "SETATTR", Rule::Write, CSetAttributes::execute, FailureBody::EmptyBitmap},
-    Operation{35, "SETCLIENTID", Rule::Any, CSetClientId::execute},
-    Operation{36, "SETCLIENTID_CONFIRM", Rule::Any, CSetClientIdConfirm::execute},
+    Operation{34, "SETATTR", Rule::Write, CSetAttributes::execute, Minors::All,
+              FailureBody::EmptyBitmap},
+    Operation{35, "SETCLIENTID", Rule::Any, CSetClientId::execute, Minors::Only0},
+    Operation{36, "SETCLIENTID_CONFIRM", Rule::Any, CSetClientIdConfirm::execute, Minors::Only0},
     Operation{37, "VERIFY", Rule::Any,
               [](Call& call) { return CVerify::execute(call, CVerify::Mode::Equal); }},
     Operation{38, "WRITE", Rule::Write, CWrite::execute},
@@ -46,7 +49,33 @@ constexpr std::array kOperations{
     Operation{57, "DESTROY_CLIENTID", Rule::Alone, CDestroyClientId::execute},
     Operation{58, "RECLAIM_COMPLETE", Rule::Any, CReclaimComplete::execute},
 };
-static_assert(std::ranges::is_sorted(kOperations, std::ranges::less_equal{}, &Operation::number));
+
+constexpr std::array kModernOperations{
+    Operation{5, "COMMIT", Rule::Any, CCommit::execute},
+    Operation{7, "DELEGPURGE", Rule::Any, CDelegationPurge::execute},
+    Operation{8, "DELEGRETURN", Rule::Any, CDelegationReturn::execute},
+    Operation{20, "OPEN_CONFIRM", Rule::Any, COpenConfirm::execute, Minors::Only0},
+    Operation{21, "OPEN_DOWNGRADE", Rule::Any, COpenDowngrade::execute},
+    // Clients give up what is stale and ask again; "bad" they take for a fault of theirs.
+    Operation{22, "PUTFH", Rule::Any,
+              [](Call& call) {
+                return CPutFileHandle::execute(call, OperationResult::InvalidFileHandle);
+              }},
+    Operation{23, "PUTPUBFH", Rule::Any, [](Call& call) { return CPutRootFh::execute(call, 23); }},
+    Operation{30, "RENEW", Rule::Any, CRenew::execute, Minors::Only0},
+    Operation{33, "SECINFO", Rule::Any, CSecurityInfo::execute},
+    Operation{39, "RELEASE_LOCKOWNER", Rule::Any, CReleaseLockOwner::execute, Minors::Only0},
+    Operation{41, "BIND_CONN_TO_SESSION", Rule::Alone, CBindConnection::execute},
+    Operation{45, "FREE_STATEID", Rule::Any, CFreeStateId::execute},
+    Operation{52, "SECINFO_NO_NAME", Rule::Any, CSecurityInfo::executeWithoutName},
+    Operation{55, "TEST_STATEID", Rule::Any, CTestStateIds::execute},
+};
+
+template <class Table>
+constexpr bool isInOrder(const Table& table) {
+  return std::ranges::is_sorted(table, std::ranges::less_equal{}, &Operation::number);
+}
+static_assert(isInOrder(kOperations) && isInOrder(kModernOperations));
 
 // BIND_CONN_TO_SESSION, EXCHANGE_ID, CREATE_SESSION, DESTROY_SESSION, SEQUENCE, DESTROY_CLIENTID
 constexpr std::array kWithoutSession{41U, 42U, 43U, 44U, 53U, 57U};
@@ -55,9 +84,21 @@ constexpr std::array kWithoutSession{41U, 42U, 43U, 44U, 53U, 57U};
 
 std::span<const Operation> operationTable() { return kOperations; }
 
-const Operation* findOperation(unsigned number) {
-  const auto row = std::ranges::lower_bound(kOperations, number, {}, &Operation::number);
-  return row != kOperations.end() && row->number == number ? &*row : nullptr;
+std::span<const Operation> modernOperationTable() { return kModernOperations; }
+
+const Operation* findOperation(const Profile& profile, unsigned number) {
+  const auto find = [&](std::span<const Operation> table) -> const Operation* {
+    const auto row = std::ranges::lower_bound(table, number, {}, &Operation::number);
+    return row != table.end() && row->number == number ? &*row : nullptr;
+  };
+  const Operation* modern = profile.isModern ? find(kModernOperations) : nullptr;
+  return modern != nullptr ? modern : find(kOperations);
+}
+
+unsigned lastOperation(const Profile& profile, unsigned minorVersion) {
+  constexpr unsigned kLastOfMinor0 = 39;
+  constexpr unsigned kLastOfMinor1 = 58;
+  return profile.isModern && minorVersion == 0 ? kLastOfMinor0 : kLastOfMinor1;
 }
 
 bool needsNoSession(unsigned number) {

@@ -15,6 +15,9 @@ enum class Rule {
   First,  // as the first only
 };
 
+// The minor versions that have an operation. The classic profile does not ask.
+enum class Minors { All, Only0 };
+
 // What a result has behind a status that is not 0.
 enum class FailureBody { None, EmptyBitmap };
 
@@ -23,17 +26,21 @@ struct Operation {
   std::string_view name;  // as in RFC 7530 and RFC 5661
   Rule rule = Rule::Any;
   nfs::OperationResult (*execute)(Call& call) = nullptr;
+  Minors minors = Minors::All;
   FailureBody failureBody = FailureBody::None;
 };
 
 constexpr unsigned kFirstOperation = 3;
-constexpr unsigned kLastOperation = 58;
 constexpr unsigned kIllegalOperation = 10044;  // OP_ILLEGAL
 
-// The operations that are served, by ascending number.
+// The operations that every profile serves, and those that the modern one has besides or instead,
+// by ascending number.
 std::span<const Operation> operationTable();
-// The row of `number`, nullptr when that operation is not served.
-const Operation* findOperation(unsigned number);
+std::span<const Operation> modernOperationTable();
+// The row of `number`, nullptr when the profile does not serve that operation.
+const Operation* findOperation(const Profile& profile, unsigned number);
+// The highest number that the minor version gives to an operation, served or not.
+unsigned lastOperation(const Profile& profile, unsigned minorVersion);
 // Whether the operation is one that comes before there is a session.
 bool needsNoSession(unsigned number);
 

@@ -17,6 +17,18 @@ struct CCheckAccess {
 struct CClose {
   static nfs::OperationResult execute(Call& call);
 };
+// COMMIT (5), section 16.3
+struct CCommit {
+  static nfs::OperationResult execute(Call& call);
+};
+// DELEGPURGE (7), section 16.5
+struct CDelegationPurge {
+  static nfs::OperationResult execute(Call& call);
+};
+// DELEGRETURN (8), section 16.6
+struct CDelegationReturn {
+  static nfs::OperationResult execute(Call& call);
+};
 // CREATE (6), section 16.4: directories and symbolic links
 struct CCreate {
   static nfs::OperationResult execute(Call& call);
@@ -50,13 +62,21 @@ struct CVerify {
 struct COpen {
   static nfs::OperationResult execute(Call& call);
 };
-// PUTFH (22), section 16.20
-struct CPutFileHandle {
+// OPEN_CONFIRM (20), section 16.18
+struct COpenConfirm {
   static nfs::OperationResult execute(Call& call);
 };
-// PUTROOTFH (24), section 16.22
-struct CPutRootFh {
+// OPEN_DOWNGRADE (21), section 16.19
+struct COpenDowngrade {
   static nfs::OperationResult execute(Call& call);
+};
+// PUTFH (22), section 16.20. `unknown` is the status of handles that lead nowhere.
+struct CPutFileHandle {
+  static nfs::OperationResult execute(Call& call, nfs::OperationResult unknown);
+};
+// PUTROOTFH (24), section 16.22, and PUTPUBFH (23), section 16.21, which leads to the same place
+struct CPutRootFh {
+  static nfs::OperationResult execute(Call& call, unsigned operation);
 };
 // READ (25), section 16.23
 struct CRead {
@@ -78,6 +98,10 @@ struct CRemove {
 struct CRename {
   static nfs::OperationResult execute(Call& call);
 };
+// RENEW (30), section 16.28
+struct CRenew {
+  static nfs::OperationResult execute(Call& call);
+};
 // RESTOREFH (31), section 16.29
 struct CRestoreFileHandle {
   static nfs::OperationResult execute(Call& call);
@@ -85,6 +109,11 @@ struct CRestoreFileHandle {
 // SAVEFH (32), section 16.30
 struct CSaveFileHandle {
   static nfs::OperationResult execute(Call& call);
+};
+// SECINFO (33), section 16.31, and SECINFO_NO_NAME (52), RFC 5661 section 18.45
+struct CSecurityInfo {
+  static nfs::OperationResult execute(Call& call);
+  static nfs::OperationResult executeWithoutName(Call& call);
 };
 // SETATTR (34), section 16.32
 struct CSetAttributes {
@@ -102,6 +131,14 @@ struct CSetClientIdConfirm {
 struct CWrite {
   static nfs::OperationResult execute(Call& call);
 };
+// RELEASE_LOCKOWNER (39), section 16.37
+struct CReleaseLockOwner {
+  static nfs::OperationResult execute(Call& call);
+};
+// BIND_CONN_TO_SESSION (41), RFC 5661 section 18.34
+struct CBindConnection {
+  static nfs::OperationResult execute(Call& call);
+};
 // EXCHANGE_ID (42), RFC 5661 section 18.35
 struct CExchangeId {
   static nfs::OperationResult execute(Call& call);
@@ -114,8 +151,16 @@ struct CCreateSession {
 struct CDestroySession {
   static nfs::OperationResult execute(Call& call);
 };
+// FREE_STATEID (45), RFC 5661 section 18.38
+struct CFreeStateId {
+  static nfs::OperationResult execute(Call& call);
+};
 // SEQUENCE (53), RFC 5661 section 18.46
 struct CSequence {
+  static nfs::OperationResult execute(Call& call);
+};
+// TEST_STATEID (55), RFC 5661 section 18.48
+struct CTestStateIds {
   static nfs::OperationResult execute(Call& call);
 };
 // DESTROY_CLIENTID (57), RFC 5661 section 18.50

@@ -1,6 +1,7 @@
 #include "nfs4/session.h"
 
 #include "common/log.h"
+#include "nfs4/pseudo_root.h"
 #include "server/nfs_service.h"
 
 #include <algorithm>
@@ -12,7 +13,6 @@ using nfs::OperationResult;
 
 namespace {
 
-constexpr std::uint32_t kMaxMessage = 0x1000'0000;
 constexpr std::uint32_t kMaxOperations = 4096;
 constexpr std::size_t kMaxSlots = 1024;
 // Open files beyond this number are opened anew when they are used, so that a client that never
@@ -56,9 +56,8 @@ bool Nfs4Session::orFalse(const Set& set) {
 }
 
 bool Nfs4Session::setCurrentFileSystemObject(const NfsService& service) {
-  MetaData md;
-  md.type = static_cast<std::uint32_t>(FileType::Directory);
-  return setCurrent({service.getGeneration(), 0, 0}, nullptr, NfsPath("/"), std::move(md));
+  return setCurrent({service.getGeneration(), 0, 0}, nullptr, NfsPath("/"),
+                    nfs4::pseudoRootMetaData(service));
 }
 
 bool Nfs4Session::setCurrentFileSystemObject(const NfsService& service, const NfsHandle& handle) {
@@ -128,11 +127,61 @@ void Nfs4Session::followMoves() {
   }
 }
 
-void Nfs4Session::releaseObjects(std::uint32_t fileSystemId) {
-  for (FileSystemObject* object : {&m_current, &m_saved}) {
-    if (object->fileSystem && object->handle.fileSystemId == fileSystemId) *object = {};
+void Nfs4Session::GiveBack::operator()(Nfs4Session* session) const {
+  {
+    const std::lock_guard lock(session->m_takenLock);
+    session->m_isTaken = false;
   }
-  std::erase_if(m_openFiles, [&](const auto& row) { return row.first.first == fileSystemId; });
+  session->m_given.notify_one();
+}
+
+bool Nfs4Session::enter(std::optional<std::chrono::steady_clock::time_point> deadline) {
+  std::unique_lock lock(m_takenLock);
+  const auto isFree = [this] { return !m_isTaken; };
+  if (!deadline) {
+    m_given.wait(lock, isFree);
+  } else if (!m_given.wait_until(lock, *deadline, isFree)) {
+    return false;
+  }
+  m_isTaken = true;
+  return true;
+}
+
+Nfs4Session::Lock Nfs4Session::take(const Profile& profile) {
+  enter(std::nullopt);
+  Lock taken(this);
+  releaseWithdrawn();
+  if (profile.keepsObjects) {
+    followMoves();
+  } else {
+    m_current = m_saved = {};
+  }
+  return taken;
+}
+
+void Nfs4Session::releaseObjects(std::uint32_t fileSystemId,
+                                 std::chrono::steady_clock::time_point deadline) {
+  {
+    const std::lock_guard lock(m_takenLock);
+    m_withdrawn.push_back(fileSystemId);
+  }
+  if (!enter(deadline)) return;
+  const Lock taken(this);
+  releaseWithdrawn();
+}
+
+void Nfs4Session::releaseWithdrawn() {
+  std::vector<std::uint32_t> withdrawn;
+  {
+    const std::lock_guard lock(m_takenLock);
+    withdrawn.swap(m_withdrawn);
+  }
+  for (const std::uint32_t fileSystemId : withdrawn) {
+    for (FileSystemObject* object : {&m_current, &m_saved}) {
+      if (object->fileSystem && object->handle.fileSystemId == fileSystemId) *object = {};
+    }
+    std::erase_if(m_openFiles, [&](const auto& row) { return row.first.first == fileSystemId; });
+  }
 }
 
 // ---- Open files
@@ -200,11 +249,11 @@ bool Nfs4Session::madeExclusively(std::uint64_t fileId, const verifier4& verifie
 
 // ---- Limits and the replies that can be repeated
 
-void Nfs4Session::applyChannelAttributes(ChannelAttributes& channel) {
+void Nfs4Session::applyChannelAttributes(ChannelAttributes& channel, std::uint32_t maxMessage) {
   channel.headerPadSize = 0;
   for (std::uint32_t* size :
        {&channel.maxRequestSize, &channel.maxResponseSize, &channel.maxResponseSizeCached}) {
-    *size = std::min(*size, kMaxMessage);
+    *size = std::min(*size, maxMessage);
   }
   channel.maxOperations = std::min(channel.maxOperations, kMaxOperations);
   m_foreChannel = channel;
@@ -243,6 +292,10 @@ void Nfs4Session::flush(MemoryStream& reply, OperationResult status, unsigned op
                             whole.end());
   } else {
     reply.truncateOutput();
+    // A longer tag than the first time may leave less room.
+    if (m_response->data.size() > reply.outputSpace()) {
+      throw nfs::NfsOperationError(OperationResult::ReplyTooBig);
+    }
     reply.write(m_response->data.data(), static_cast<unsigned>(m_response->data.size()));
   }
   setCurrentResponse(nullptr);

@@ -6,11 +6,14 @@
 
 #include "common/memory_stream.h"
 #include "common/nfs_handle.h"
+#include "common/profile.h"
 #include "common/status.h"
 #include "common/xdr_records.h"
 #include "fs/nfs_file_system.h"
 #include "fs/replacement_cache.h"
 
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -33,6 +36,12 @@ class NfsService;
 // under that lock.
 class Nfs4Session {
  public:
+  struct GiveBack {
+    void operator()(Nfs4Session* session) const;
+  };
+  // The session, taken for a COMPOUND until this goes. Has to go before the session.
+  using Lock = std::unique_ptr<Nfs4Session, GiveBack>;
+
   // One object as an operation sees it.
   struct FileSystemObject {
     NfsHandle handle;  // generation 0: there is no object; object id 0: the pseudo-root
@@ -64,7 +73,10 @@ class Nfs4Session {
 
   const sessionid& id() const { return m_id; }
   std::uint64_t clientId() const { return m_clientId; }
-  std::unique_lock<std::mutex> take() { return std::unique_lock(m_compoundLock); }
+  // Waits for the COMPOUND before. Where the profile keeps objects from one to the next, paths and
+  // exports do not last: objects that others have moved are where they are now, those that are gone
+  // are no longer set.
+  Lock take(const Profile& profile);
 
   // ---- Objects. All return whether the current object is another one now.
 
@@ -79,11 +91,9 @@ class Nfs4Session {
   bool setParentAsCurrentFileSystemObject();
   void saveCurrentFileSystemObject() { m_saved = m_current; }
   bool restoreSavedFileSystemObject(const NfsService& service);
-  // Objects last from one COMPOUND to the next, paths do not: those that others have moved are
-  // where they are now, those that are gone are no longer set. To be called when the session was
-  // taken.
-  void followMoves();
-  void releaseObjects(std::uint32_t fileSystemId);
+  // Lets go of the objects of an export that was withdrawn; when a COMPOUND does not end in time,
+  // as soon as the session is taken again. Not to be called by who has taken it.
+  void releaseObjects(std::uint32_t fileSystemId, std::chrono::steady_clock::time_point deadline);
 
   // ---- Open files. A file is open until it is closed for everybody who opened it, whatever else
   // becomes current in between; whenever it is current again its open state is found.
@@ -102,8 +112,8 @@ class Nfs4Session {
 
   // ---- Limits and the replies that can be repeated
 
-  // Cuts the attributes to what this server keeps to, and stores them.
-  void applyChannelAttributes(ChannelAttributes& channel);
+  // Cuts the attributes to what this server keeps to, and stores them. `maxMessage` in bytes.
+  void applyChannelAttributes(ChannelAttributes& channel, std::uint32_t maxMessage);
   const ChannelAttributes& foreChannel() const { return m_foreChannel; }
 
   // Empty when the slot has none.
@@ -113,7 +123,8 @@ class Nfs4Session {
   // The results from here on, which `reply` gets, are to be kept for the slot. False when the
   // session has no room for another slot.
   bool prepareToCache(unsigned slot, unsigned sequenceId, const MemoryStream& reply);
-  // At the end of a COMPOUND: keeps what was recorded, or appends what is repeated.
+  // At the end of a COMPOUND: keeps what was recorded, or appends what is repeated. Throws
+  // NfsOperationError(ReplyTooBig) when there is no room for that.
   void flush(MemoryStream& reply, nfs::OperationResult status, unsigned operationsCount);
   // The bytes of the results so far, as the limits count them.
   unsigned responseSize(const MemoryStream& reply) const;
@@ -133,6 +144,10 @@ class Nfs4Session {
   bool setCurrent(const NfsHandle& handle, std::shared_ptr<NfsFileSystem> fileSystem, NfsPath path,
                   MetaData metaData);
   void findOpenState();
+  // False when the session was not given back in time; without a deadline, never.
+  bool enter(std::optional<std::chrono::steady_clock::time_point> deadline);
+  void releaseWithdrawn();
+  void followMoves();
   template <class Set>
   static bool orFalse(const Set& set);
 
@@ -140,7 +155,13 @@ class Nfs4Session {
   const std::uint64_t m_clientId;
   [[maybe_unused]] const std::uint64_t m_streamId;  // of the request that made the session
 
-  std::mutex m_compoundLock;  // guards what follows; outermost but for the request lock
+  std::mutex m_takenLock;  // guards the two fields below; innermost
+  std::condition_variable m_given;
+  bool m_isTaken = false;
+  std::vector<std::uint32_t> m_withdrawn;  // exports whose objects are still to be let go
+
+  // What follows is of whoever has taken the session, which comes before every lock but the request
+  // lock.
   FileSystemObject m_current;
   FileSystemObject m_saved;
   std::map<FileKey, OpenFile> m_openFiles;

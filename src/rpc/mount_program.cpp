@@ -1,5 +1,7 @@
 #include "rpc/mount_program.h"
 
+#include "common/host_failure.h"
+#include "common/log.h"
 #include "common/xdr_records.h"
 #include "server/nfs_service.h"
 
@@ -9,12 +11,20 @@
 
 namespace nfslib::mount {
 
+using nfs::OperationResult;
 using rpc::RpcProgramResult;
 
 namespace {
 
-enum Procedure : unsigned { kNull = 0, kMount = 1, kUnmount = 3, kExport = 5 };
-constexpr unsigned kStatusOk = 0;
+enum Procedure : unsigned {
+  kNull = 0,
+  kMount = 1,
+  kDump = 2,
+  kUnmount = 3,
+  kUnmountAll = 4,
+  kExport = 5
+};
+constexpr std::size_t kMaxPathLength = 1024;  // MNTPATHLEN
 constexpr std::string_view kEverybody = "*";
 
 }  // namespace
@@ -32,6 +42,13 @@ RpcProgramResult MountProgram::run(MemoryStream& stream,
     case kExport:
       exports(stream);
       return RpcProgramResult::Success;
+    case kDump:  // section 5.2.2: nobody is listed
+      if (!m_service.profile().isModern) return RpcProgramResult::ProcedureUnavailable;
+      stream << false;
+      return RpcProgramResult::Success;
+    case kUnmountAll:  // section 5.2.4
+      return m_service.profile().isModern ? RpcProgramResult::Success
+                                          : RpcProgramResult::ProcedureUnavailable;
     default:
       return RpcProgramResult::ProcedureUnavailable;
   }
@@ -44,10 +61,28 @@ RpcProgramResult MountProgram::mount(MemoryStream& stream,
   stream >> dirPath;
   if (!stream) return RpcProgramResult::GarbageArguments;
 
-  stream << kStatusOk << m_service.getHandle(NfsPath(dirPath));
+  NfsHandle handle;
+  const OperationResult status = findHandle(dirPath, handle);
+  stream << status;
+  if (status != OperationResult::OK) return RpcProgramResult::Success;
+  stream << handle;
   // Version 1 of the protocol (RFC 1094 appendix A) has no list of flavors.
   if (parameters.version != 1) stream << std::vector<unsigned>{rpc::AUTH_SYS};
   return RpcProgramResult::Success;
+}
+
+OperationResult MountProgram::findHandle(const std::string& path, NfsHandle& handle) const {
+  const auto ask = [&] { handle = m_service.getHandle(NfsPath(path)); };
+  if (!m_service.profile().isModern) {
+    ask();
+    return OperationResult::OK;
+  }
+  if (path.size() > kMaxPathLength) return OperationResult::FileNameIsTooLong;
+  if (!m_service.findExport(NfsPath(path))) return OperationResult::NoEntry;
+  return statusOfHostCall(m_service.profile(), ask, [&](std::string_view why) {
+    log().warn("The export [%1] cannot be mounted: [%2]", path, why);
+    return OperationResult::HardwareIoError;
+  });
 }
 
 // UMNT (3), RFC 1813 section 5.2.3: there is no list to take it from.

@@ -1,6 +1,10 @@
 #pragma once
 
+#include "common/nfs_handle.h"
+#include "common/status.h"
 #include "rpc/rpc_program.h"
+
+#include <string>
 
 namespace nfslib {
 class NfsService;
@@ -14,7 +18,8 @@ class MountProgram : public rpc::RpcProgram {
  public:
   explicit MountProgram(NfsService& service) : m_service(service) {}
 
-  // A path that is no export ends in the exception of NfsService::getHandle.
+  rpc::Versions versions() const override { return {1, 3}; }
+  // In the classic profile a path that is no export ends in the exception of NfsService::getHandle.
   rpc::RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                             const rpc::AuthOpaque& caller) override;
 
@@ -22,6 +27,8 @@ class MountProgram : public rpc::RpcProgram {
   rpc::RpcProgramResult mount(MemoryStream& stream, const rpc::RpcProgramParameters& parameters);
   rpc::RpcProgramResult umount(MemoryStream& stream);
   void exports(MemoryStream& stream);
+  // The root handle of the export at `path`, or why there is none (mountstat3).
+  nfs::OperationResult findHandle(const std::string& path, NfsHandle& handle) const;
 
   NfsService& m_service;
 };

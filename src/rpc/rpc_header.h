@@ -11,24 +11,29 @@ constexpr unsigned kNfsProgram = 100'003;
 constexpr unsigned kMountProgram = 100'005;
 
 // RFC 5531 section 9.
+constexpr unsigned kCall = 0;
 constexpr unsigned kReply = 1;
 constexpr unsigned kMessageAccepted = 0;
 constexpr unsigned kMessageDenied = 1;
+constexpr unsigned kRpcMismatch = 0;
 constexpr unsigned kAuthError = 1;
+constexpr unsigned kRpcVersion = 2;
 
 enum class AcceptStatus : unsigned {
   Success = 0,
   ProgramUnavailable = 1,
+  ProgramMismatch = 2,
   ProcedureUnavailable = 3,
   GarbageArguments = 4,
+  SystemError = 5,
 };
 
 // The head of a call. Everything is zero until it is decoded.
 struct RpcHeader {
   unsigned recordMark = 0;  // of the reply, on TCP
   unsigned xid = 0;
-  unsigned messageType = 0;  // not looked at
-  unsigned rpcVersion = 0;   // not looked at
+  unsigned messageType = 0;  // looked at in the modern profile, like the next
+  unsigned rpcVersion = 0;
   unsigned program = 0;
   unsigned programVersion = 0;
   unsigned procedure = 0;

@@ -18,12 +18,22 @@ enum class RpcProgramResult : unsigned {
   GarbageArguments = 1,
   ProcedureUnavailable = 2,
   ProgramUnavailable = 3,  // not in the version that the call asks for
+  SystemError = 4,         // the program failed
 };
 
-// One served RPC program. It chooses by version and procedure what to serve: the server checks
-// neither.
+// The versions of a program that are served, the lowest and the highest.
+struct Versions {
+  unsigned lowest = 0;
+  unsigned highest = 0xFFFF'FFFF;
+
+  bool contain(unsigned version) const { return version >= lowest && version <= highest; }
+};
+
+// One served RPC program. It chooses by version and procedure what to serve: in the classic profile
+// the server checks neither, in the modern one the version.
 class RpcProgram {
  public:
+  virtual Versions versions() const { return {}; }
   // Decodes its arguments from `stream`, which stands just behind the call header, and encodes its
   // results. May be called from several threads at once.
   virtual RpcProgramResult run(MemoryStream& stream, const RpcProgramParameters& parameters,

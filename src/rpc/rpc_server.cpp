@@ -3,9 +3,9 @@
 #include "common/log.h"
 #include "network/tcp_connection_handler.h"
 #include "network/udp_connection_handler.h"
+#include "rpc/caller_rule.h"
 
-#include <algorithm>
-#include <span>
+#include <exception>
 #include <utility>
 
 namespace nfslib::rpc {
@@ -31,8 +31,10 @@ void RpcServer::TcpRequestReceived(network::TcpConnectionHandler& connection) {
       if (!m_parallelRequestsAllowed) lock.lock();
       result = ProcessRpcRequestOverTcp(stream);
     }
-    // A failed call ends its record: what is left of it is not another call.
-    if (result != RpcProgramResult::Success) stream.skipInput(stream.getInputDataSize());
+    // A failed call ends its record: what is left of it is not another call. In the modern profile
+    // a record is one call in any case.
+    if (result != RpcProgramResult::Success || m_profile.isModern)
+      stream.skipInput(stream.getInputDataSize());
     connection.flush();
   }
 }
@@ -48,14 +50,23 @@ RpcProgramResult RpcServer::ProcessRpcRequestOverTcp(MemoryStream& stream) {
   readHeader(stream, header);
   const unsigned replyStart = stream.getOutputPosition();
   stream << header.recordMark;
+  const unsigned replyBegin = stream.getOutputPosition();
   const RpcProgramResult result = processRequest(stream, header);
+  if (stream.getOutputPosition() == replyBegin) {  // there is no reply
+    stream.seekOutput(replyStart, SeekOrigin::Begin);
+    stream.truncateOutput();
+    return result;
+  }
   updateHeaderWithActualResponseSize(stream, replyStart);
   return result;
 }
 
 RpcProgramResult RpcServer::processRequest(MemoryStream& stream, const RpcHeader& header) {
+  if (m_profile.isModern && refusesMessage(stream, header)) {
+    return RpcProgramResult::GarbageArguments;
+  }
   const AcceptStatus status = getHeaderStatus(stream, header);
-  if (!performSimpleSysAuthVerification(header)) {
+  if (!callerRule(m_profile).allows(header, m_allowedGroupId)) {
     sendDenialMessage(stream, header);
     return RpcProgramResult::GarbageArguments;
   }
@@ -64,11 +75,23 @@ RpcProgramResult RpcServer::processRequest(MemoryStream& stream, const RpcHeader
   return executeRpcProcedure(stream, header);
 }
 
+// What is no call gets no answer, or two servers could answer each other for ever.
+bool RpcServer::refusesMessage(MemoryStream& stream, const RpcHeader& header) {
+  if (header.messageType != kCall) return true;
+  if (!stream || header.rpcVersion == kRpcVersion) return false;
+  stream << header.xid << kReply << kMessageDenied << kRpcMismatch << kRpcVersion << kRpcVersion;
+  return true;
+}
+
 void RpcServer::readHeader(MemoryStream& stream, RpcHeader& header) { stream >> header; }
 
 AcceptStatus RpcServer::getHeaderStatus(MemoryStream& stream, const RpcHeader& header) const {
   if (!performConsistencyVerification(stream, header)) return AcceptStatus::GarbageArguments;
-  if (!m_programs.contains(header.program)) return AcceptStatus::ProgramUnavailable;
+  const auto program = m_programs.find(header.program);
+  if (program == m_programs.end()) return AcceptStatus::ProgramUnavailable;
+  if (m_profile.isModern && !program->second->versions().contain(header.programVersion)) {
+    return AcceptStatus::ProgramMismatch;
+  }
   return AcceptStatus::Success;
 }
 
@@ -78,44 +101,18 @@ bool RpcServer::performConsistencyVerification(MemoryStream& stream, const RpcHe
   return true;
 }
 
-bool RpcServer::performSimpleSysAuthVerification(const RpcHeader& header) const {
-  const AuthOpaque& caller = header.credentials;
-  if (caller.flavor == AUTH_NONE) return true;
-  if (header.program != kNfsProgram && header.program != kMountProgram) return true;
-  if (caller.flavor != AUTH_SYS && header.procedure != 0) {
-    log().warn("Program [%1], procedure [%2]: access denied. Not supported auth type.",
-               header.program, header.procedure);
-    return false;
-  }
-  if (caller.uid == 0) return true;
-  if (m_allowedGroupId == 0) {
-    log().warn(
-        "Program [%1], procedure [%2]: access denied. There is no talvo group in the system.",
-        header.program, header.procedure);
-    return false;
-  }
-  const auto allowed = static_cast<unsigned>(m_allowedGroupId);
-  if (caller.gid == allowed) return true;
-  const std::span groups(caller.groups.data(),
-                         std::min(caller.groupCount, AuthOpaque::kMaxKeptGroups));
-  const bool isMember = std::any_of(groups.begin(), groups.end(),
-                                    [&](unsigned group) { return group == 0 || group == allowed; });
-  if (!isMember) {
-    log().warn(
-        "Program [%1], procedure [%2]: access denied. User does not have access to talvo group.",
-        header.program, header.procedure);
-  }
-  return isMember;
-}
-
 void RpcServer::sendAcceptanceMessage(MemoryStream& stream, const RpcHeader& header,
-                                      AcceptStatus status) {
+                                      AcceptStatus status) const {
   // The caller's own verifier when it is empty, as it is with AUTH_NONE and AUTH_SYS; a null
   // verifier in place of one with a body, which is not ours to make.
   const bool isEmpty = header.verifier.length == 0;
   const unsigned flavor = isEmpty ? header.verifier.flavor : unsigned{AUTH_NONE};
   stream << header.xid << kReply << kMessageAccepted << flavor << 0U
          << static_cast<unsigned>(status);
+  if (status == AcceptStatus::ProgramMismatch) {
+    const Versions served = m_programs.find(header.program)->second->versions();
+    stream << served.lowest << served.highest;
+  }
 }
 
 void RpcServer::sendDenialMessage(MemoryStream& stream, const RpcHeader& header) {
@@ -124,9 +121,18 @@ void RpcServer::sendDenialMessage(MemoryStream& stream, const RpcHeader& header)
 
 RpcProgramResult RpcServer::executeRpcProcedure(MemoryStream& stream, const RpcHeader& header) {
   const unsigned resultsStart = stream.getOutputPosition();
-  const RpcProgramResult result =
-      m_programs.find(header.program)
-          ->second->run(stream, {header.programVersion, header.procedure}, header.credentials);
+  RpcProgramResult result = RpcProgramResult::SystemError;
+  try {
+    result =
+        m_programs.find(header.program)
+            ->second->run(stream, {header.programVersion, header.procedure}, header.credentials);
+  } catch (std::exception& e) {
+    if (!m_profile.isModern) throw;
+    log().errWith(e, "Program [%1], procedure [%2] failed.", header.program, header.procedure);
+  } catch (...) {  // a host may throw anything
+    if (!m_profile.isModern) throw;
+    log().err("Program [%1], procedure [%2] failed.", header.program, header.procedure);
+  }
   updateHeaderWithProgramRC(stream, resultsStart, result);
   return result;
 }
@@ -147,6 +153,9 @@ void RpcServer::updateHeaderWithProgramRC(MemoryStream& stream, unsigned results
       break;
     case RpcProgramResult::ProgramUnavailable:
       status = AcceptStatus::ProgramUnavailable;
+      break;
+    case RpcProgramResult::SystemError:
+      status = AcceptStatus::SystemError;
       break;
   }
   stream.seekOutput(resultsStart - 4, SeekOrigin::Begin);

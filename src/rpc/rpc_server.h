@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/profile.h"
 #include "rpc/rpc_header.h"
 #include "rpc/rpc_program.h"
 #include "rpc/rpc_request_processor.h"
@@ -13,6 +14,9 @@ namespace nfslib::rpc {
 // Answers RPC calls (RFC 5531): decodes the head, applies the caller rule, lets the program decode
 // its arguments and encode its results, and writes the head of the reply around them.
 //
+// In the classic profile a message is taken for a call whatever its head says, and each program
+// looks at its own version. The modern profile answers as RFC 5531 section 9 has it.
+//
 // Programs and settings are set before the transports start. The request lock is held while one
 // call is processed, and never while its reply is sent; on TCP not at all once parallel requests
 // are allowed.
@@ -20,12 +24,17 @@ class RpcServer : public RpcRequestProcessor {
  public:
   // Serves `program` under its number, in place of what was there.
   void registerProgram(unsigned int number, std::unique_ptr<RpcProgram> program);
+  // The classic profile until another is set.
+  void setProfile(const Profile& profile) { m_profile = profile; }
   // The Unix group whose members may use NFS and MOUNT; 0 when there is none.
   void setAllowedGroupId(int group) { m_allowedGroupId = group; }
   void allowParallelRequests() { m_parallelRequestsAllowed = true; }
 
   void UdpRequestReceived(network::UdpConnectionHandler& connection) override;
   void TcpRequestReceived(network::TcpConnectionHandler& connection) override;
+  TransportRules transportRules() const override {
+    return {.joinsFragments = m_profile.isModern, .outlivesFailures = m_profile.isModern};
+  }
 
   // One call in `stream`, without and with a record mark before its reply. Anything but success
   // tells that the rest of the record is not to be taken for another call.
@@ -36,18 +45,20 @@ class RpcServer : public RpcRequestProcessor {
   static void readHeader(MemoryStream& stream, RpcHeader& header);
   AcceptStatus getHeaderStatus(MemoryStream& stream, const RpcHeader& header) const;
   static bool performConsistencyVerification(MemoryStream& stream, const RpcHeader& header);
-  bool performSimpleSysAuthVerification(const RpcHeader& header) const;
 
+  // Whether the message is no call of ours. The answer to that, if there is one, is written.
+  static bool refusesMessage(MemoryStream& stream, const RpcHeader& header);
   // From the decoded head to the end of the reply, the same on both transports.
   RpcProgramResult processRequest(MemoryStream& stream, const RpcHeader& header);
-  static void sendAcceptanceMessage(MemoryStream& stream, const RpcHeader& header,
-                                    AcceptStatus status);
+  void sendAcceptanceMessage(MemoryStream& stream, const RpcHeader& header,
+                             AcceptStatus status) const;
   static void sendDenialMessage(MemoryStream& stream, const RpcHeader& header);
   RpcProgramResult executeRpcProcedure(MemoryStream& stream, const RpcHeader& header);
   static void updateHeaderWithProgramRC(MemoryStream& stream, unsigned resultsStart,
                                         RpcProgramResult result);
   static void updateHeaderWithActualResponseSize(MemoryStream& stream, unsigned replyStart);
 
+  Profile m_profile;
   std::map<unsigned int, std::unique_ptr<RpcProgram>> m_programs;
   std::mutex m_lock;  // one call at a time; taken before every lock of the programs
   bool m_parallelRequestsAllowed = false;

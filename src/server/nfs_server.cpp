@@ -45,6 +45,16 @@ NfsServer::Impl::Impl() : m_address(kNoAddress) {
 
 NfsServer::Impl::~Impl() = default;
 
+void NfsServer::Impl::setPolicy(const NfsServerPolicy& policy) {
+  const std::lock_guard lock(m_addressLock);
+  if (!getExportPaths().empty()) {
+    throw std::runtime_error(
+        "The policy of the NFS server cannot be changed while file systems are exported. Set it "
+        "before the first export.");
+  }
+  setProfile(profileOf(policy));
+}
+
 void NfsServer::Impl::exportFileSystem(const NfsPath& path, FileSystem& fs,
                                        const NfsMountSpec& spec) {
   const std::lock_guard lock(m_addressLock);
@@ -71,9 +81,14 @@ void NfsServer::Impl::removeExport(const NfsPath& path) {
     const auto number = findExport(path);
     if (number) waitForClientsOfLastExport();
     const bool isLast = NfsService::removeExport(path);
-    releaseObjects(*number);
-    if (isLast) stopServer();
-    if (!waitForViews(kPatience)) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    releaseObjects(*number, deadline);
+    if (isLast) {
+      stopServer();
+      // Nobody waits again for those that did not say goodbye.
+      for (const unsigned minorVersion : {0U, 1U}) deleteClientsOf(minorVersion);
+    }
+    if (!waitForViews(deadline)) {
       log().warn("Requests still use the tree of the removed export [%1].", path);
     }
   } catch (const std::exception& e) {
@@ -145,6 +160,7 @@ void NfsServer::Impl::startServer() {
       network::setFlag(m_stopRequested, false);
     }
     const ServerMode& mode = modeFor(m_settings);
+    renewIdentity();
     m_address = address::getUnusedLocalAddress(!usesAddressAlias());
     log().info("Starting NFS server on [%1].", address::str(m_address));
     if (usesAddressAlias()) {
@@ -250,12 +266,14 @@ void NfsServer::Impl::serve(const ServerMode& mode) {
 }
 
 std::unique_ptr<rpc::RpcServer> NfsServer::Impl::makeRpcServer(const ServerMode& mode) {
-  auto portMap = std::make_unique<portmap::PortMapProgram>();
+  auto portMap = std::make_unique<portmap::PortMapProgram>(
+      profile(), [own = m_address](unsigned port) { return address::rpcStr(own, port); });
   for (const PortMapping& mapping : mode.mappings) {
     portMap->map(mapping.program, portOf(mapping.port), protocolOf(mapping.transport),
                  m_settings.version);
   }
   auto server = std::make_unique<rpc::RpcServer>();
+  server->setProfile(profile());
   server->setAllowedGroupId(m_settings.allowedGroupId);
   server->registerProgram(rpc::kPortmapProgram, std::move(portMap));
   if (mode.hasMountProgram) {
@@ -341,6 +359,7 @@ NfsServer& NfsServer::instance() {
   return server;
 }
 
+void NfsServer::setPolicy(const NfsServerPolicy& policy) { m_impl->setPolicy(policy); }
 void NfsServer::exportFileSystem(const NfsPath& path, FileSystem& fs, const NfsMountSpec& spec) {
   m_impl->exportFileSystem(path, fs, spec);
 }

@@ -30,6 +30,7 @@ class __attribute__((visibility("hidden"))) NfsServer::Impl : public NfsService 
   Impl();
   ~Impl();
 
+  void setPolicy(const NfsServerPolicy& policy);
   void exportFileSystem(const NfsPath& path, FileSystem& fs, const NfsMountSpec& spec);
   void removeExport(const NfsPath& path);
   void reRunServer(const NfsMountSpec& spec);

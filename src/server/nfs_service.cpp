@@ -1,8 +1,10 @@
 #include "server/nfs_service.h"
 
+#include "common/host_failure.h"
 #include "common/log.h"
 #include "fs/nfs_file_system.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace nfslib {
@@ -21,6 +23,11 @@ NfsService::NfsService() : m_generation(secondsNow()), m_liveViews(std::make_sha
 
 NfsService::~NfsService() = default;
 
+void NfsService::setProfile(const Profile& profile) {
+  m_profile = profile;
+  renewIdentity();
+}
+
 bool NfsService::exportFileSystem(const NfsPath& path, FileSystem& fs, const NfsMountSpec& spec) {
   const std::unique_lock lock(m_exportLock);
   log().info("Exporting NFS file system [%1].", path);
@@ -33,7 +40,7 @@ bool NfsService::exportFileSystem(const NfsPath& path, FileSystem& fs, const Nfs
     --live->count;
     live->changed.notify_all();
   };
-  auto fresh = std::make_unique<NfsFileSystem>(fs, spec);
+  auto fresh = std::make_unique<NfsFileSystem>(fs, spec, m_profile);
   {
     const std::lock_guard liveLock(m_liveViews->lock);
     ++m_liveViews->count;
@@ -43,6 +50,7 @@ bool NfsService::exportFileSystem(const NfsPath& path, FileSystem& fs, const Nfs
   const std::uint32_t number = m_nextNumber++;
   m_numbers.emplace(path, number);
   m_views.emplace(number, std::move(view));
+  markExportsChanged();
   if (first) log().info("This is the first NFS export.");
   return first;
 }
@@ -58,6 +66,7 @@ bool NfsService::removeExport(const NfsPath& path) {
   view = std::move(m_views.at(number->second));
   m_views.erase(number->second);
   m_numbers.erase(number);
+  markExportsChanged();
   if (m_numbers.empty()) log().info("This was the last NFS export.");
   return m_numbers.empty();
 }
@@ -67,16 +76,18 @@ void NfsService::clearExports() {
   const std::unique_lock lock(m_exportLock);
   m_numbers.clear();
   views.swap(m_views);
+  markExportsChanged();
 }
 
-bool NfsService::waitForViews(std::chrono::steady_clock::duration limit) {
+bool NfsService::waitForViews(std::chrono::steady_clock::time_point deadline) {
   std::size_t exported = 0;
   {
     const std::shared_lock lock(m_exportLock);
     exported = m_views.size();
   }
   std::unique_lock lock(m_liveViews->lock);
-  return m_liveViews->changed.wait_for(lock, limit, [&] { return m_liveViews->count <= exported; });
+  return m_liveViews->changed.wait_until(lock, deadline,
+                                         [&] { return m_liveViews->count <= exported; });
 }
 
 std::optional<std::uint32_t> NfsService::findExport(const NfsPath& path) const {
@@ -94,6 +105,15 @@ std::vector<NfsPath> NfsService::getExportPaths() const {
   return paths;
 }
 
+std::uint32_t NfsService::exportsChanged() const {
+  const std::shared_lock lock(m_exportLock);
+  return m_exportsChanged;
+}
+
+void NfsService::markExportsChanged() {
+  m_exportsChanged = std::max(secondsNow(), m_exportsChanged + 1);
+}
+
 NfsService::NumberedView NfsService::getFileSystem(const NfsPath& path) const {
   const std::shared_lock lock(m_exportLock);
   const auto number = m_numbers.find(path);
@@ -107,7 +127,7 @@ NfsService::NumberedView NfsService::getFileSystem(const NfsHandle& handle) cons
   const std::shared_lock lock(m_exportLock);
   const auto view = m_views.find(handle.fileSystemId);
   if (view == m_views.end()) {
-    throw std::runtime_error(message("NFS handle [%1] is invalid.", handle));
+    throw UnknownHandle(message("NFS handle [%1] is invalid.", handle));
   }
   return *view;
 }

@@ -32,6 +32,13 @@ constexpr std::array kRules{
     Rule{nfslib::utility::kAccessExecute, false, true, false},
 };
 
+// Running a file changes nothing.
+constexpr auto kModernRules = [] {
+  auto rules = kRules;
+  rules.back().onReadOnlyExports = true;
+  return rules;
+}();
+
 }  // namespace
 
 void CCheckAccess::execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller,
@@ -46,14 +53,15 @@ void CCheckAccess::execute(MemoryStream& stream, NfsService& service, const rpc:
 
   const bool isDirectory = isType(md, FileType::Directory);
   unsigned granted = 0;
-  for (const Rule& rule : kRules) {
+  const Profile& profile = service.profile();
+  for (const Rule& rule : profile.isModern ? kModernRules : kRules) {
     const bool applies = isDirectory ? rule.onDirectories : rule.onOthers;
     if (!applies || (!writeEnabled && !rule.onReadOnlyExports)) continue;
-    CProtocolUtils::checkPermission(path, md, caller, requested, rule.right, granted);
+    CProtocolUtils::checkPermission(path, md, caller, requested, rule.right, granted, profile);
   }
   log().dbg("Check result : [%1]", granted);
 
-  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(handle, md)} << granted;
+  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(*view, handle, md)} << granted;
 }
 
 }  // namespace nfslib::nfs3::procedures

@@ -2,7 +2,6 @@
 #include "common/xdr_records.h"
 #include "nfs3/arguments.h"
 #include "nfs3/changing.h"
-#include "nfs3/limits.h"
 #include "nfs3/procedures.h"
 
 #include <cstdint>
@@ -21,7 +20,7 @@ void CCommit::execute(MemoryStream& stream, NfsService& service) {
   log().dbg("commit: path [%1], offset [%2], count [%3]", file.path(), offset, count);
   const WccData wcc = file.wccData();
 
-  stream << OperationResult::OK << wcc << kWriteVerifier;
+  stream << OperationResult::OK << wcc << service.identity().writeVerifier;
 }
 
 }  // namespace nfslib::nfs3::procedures

@@ -1,27 +1,79 @@
 #include "common/log.h"
+#include "common/status.h"
 #include "common/xdr_records.h"
 #include "nfs3/arguments.h"
 #include "nfs3/changing.h"
 #include "nfs3/procedures.h"
 
+#include <cstddef>
+#include <cstdint>
+
 namespace nfslib::nfs3::procedures {
+
+using nfs::NfsOperationError;
+using nfs::OperationResult;
 
 namespace {
 
-// createmode3. Whether a name that exists is an error is up to the host in all of them.
+// createmode3. In the classic profile it is up to the host in all of them whether a name that
+// exists is an error.
 enum CreateMode : unsigned { kUnchecked = 0, kGuarded = 1, kExclusive = 2 };
+
+// An exclusive create leaves its verifier in the times of the file, by which a call that is
+// repeated knows its own file, until the client sets them (RFC 1813 section 3.3.8). The highest
+// bits are left out: not every file system keeps times beyond 2038.
+SetAttributes3 attributesFor(const FixedOpaque<8>& verifier) {
+  using enum SetAttributes3::TimeHow;
+  const auto seconds = [&](std::size_t from) {
+    std::uint32_t word = 0;
+    for (std::size_t i = from; i < from + sizeof word; ++i) {
+      word = word << 8U | std::to_integer<std::uint32_t>(verifier.bytes[i]);
+    }
+    return word & 0x7FFF'FFFF;
+  };
+  SetAttributes3 kept;
+  kept.accessTime.how = kept.modifyTime.how = ToClientTime;
+  kept.accessTime.seconds = seconds(0);
+  kept.modifyTime.seconds = seconds(4);
+  return kept;
+}
+
+// What a create that may meet its name makes of the entry that is there.
+MetaData takeExisting(const utility::Changing& dir, const DirEntry& entry, CreateMode mode,
+                      const SetAttributes3& wanted) {
+  const MetaData& md = entry.metaData;
+  if (!isType(md, FileType::Regular)) throw NfsOperationError(OperationResult::FileExist);
+  if (mode == kExclusive) {
+    const bool isOwn = md.size == 0 && md.accessTime == wanted.accessTime.seconds &&
+                       md.modifyTime == wanted.modifyTime.seconds;
+    if (!isOwn) throw NfsOperationError(OperationResult::FileExist);
+    return md;
+  }
+  // The other attributes are for a file that is made.
+  SetAttributes3 resized;
+  resized.size = wanted.size;
+  if (!resized.size) return md;
+  const NfsPath path = dir.path() / entry.name;
+  MetaData changed = md;
+  resized.applyTo(changed);
+  dir.view().setMetaData(path, changed);
+  return utility::settledMetaData(dir.view(), path, resized, md.modifyTime);
+}
 
 }  // namespace
 
-void CCreateFile::execute(MemoryStream& stream, NfsService& service) {
+void CCreateFile::execute(MemoryStream& stream, NfsService& service,
+                          const rpc::AuthOpaque& caller) {
   const DirOpArgs args = utility::readDirOpArgs(stream, service);
   unsigned mode = 0;
   stream >> mode;
   SetAttributes3 wanted;
-  FixedOpaque<8> verifier;  // createverf3: not kept, a repeated exclusive create meets its own file
+  FixedOpaque<8> verifier;  // createverf3
   if (mode == kExclusive) {
     if (stream.getInputDataSize() < verifier.bytes.size()) stream.errorOccurred();
     stream >> verifier;
+    // The classic profile does not keep it: a repeated call meets its own file.
+    if (service.profile().isModern) wanted = attributesFor(verifier);
   } else if (mode == kUnchecked || mode == kGuarded) {
     stream >> wanted;
   } else {
@@ -34,8 +86,13 @@ void CCreateFile::execute(MemoryStream& stream, NfsService& service) {
   utility::create(
       stream, dir, args.name,
       [&](Directory& parent) {
+        if (dir.profile().isModern && mode != kGuarded) {
+          const auto existing = parent.TryGetEntryByName(args.name);
+          if (existing) return takeExisting(dir, *existing, CreateMode{mode}, wanted);
+        }
         const auto file = parent.CreateFile(args.name);
-        return mode == kExclusive ? file->GetMetaData() : utility::withAttributes(*file, wanted);
+        if (mode == kExclusive && !dir.profile().isModern) return file->GetMetaData();
+        return utility::withAttributes(*file, wanted, utility::ownerIn(dir, caller));
       },
       [&](std::string_view why) {
         log().dbg("Failed to create file [%1] in directory [%2]: [%3]", args.name, dir.path(), why);

@@ -15,7 +15,7 @@ void CGetAttributes::execute(MemoryStream& stream, NfsService& service) {
   const MetaData md = view->getMetaData(path);
   log().dbg("getAttributes: path [%1]", path);
 
-  stream << OperationResult::OK << utility::getAttributes(handle, md);
+  stream << OperationResult::OK << utility::getAttributes(*view, handle, md);
 }
 
 }  // namespace nfslib::nfs3::procedures

@@ -24,7 +24,7 @@ void CGetPathConfiguration::execute(MemoryStream& stream, NfsService& service) {
   const MetaData md = view->getMetaData(path);
   log().dbg("getPathConfiguration: path [%1]", path);
 
-  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(handle, md)}
+  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(*view, handle, md)}
          << kMaxLinks         // linkmax
          << kMaxNameLength    // name_max
          << kNamesAreNotCut   // no_trunc

@@ -29,7 +29,7 @@ void CGetStaticFsInfo::execute(MemoryStream& stream, NfsService& service) {
   const MetaData md = view->getMetaData(path);
   log().dbg("getStaticFsInfo: path [%1]", path);
 
-  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(handle, md)}
+  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(*view, handle, md)}
          << kMaxTransfer                              // rtmax
          << kMaxTransfer                              // rtpref
          << kTransferMultiple                         // rtmult

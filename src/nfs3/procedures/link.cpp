@@ -24,6 +24,7 @@ void CLink::execute(MemoryStream& stream, NfsService& service) {
   const NfsPath newPath = dir.path() / args.name;
 
   const OperationResult status = statusOfHostCall(
+      service.profile(),
       [&] {
         requireEntryName(args.name);
         const auto parent = dir.view().openDirectory(dir.path());
@@ -40,7 +41,7 @@ void CLink::execute(MemoryStream& stream, NfsService& service) {
   }
   const WccData wcc = dir.wccData();
 
-  stream << status << PostOpAttr{utility::getAttributes(handle, md)} << wcc;
+  stream << status << PostOpAttr{utility::getAttributes(fileView, handle, md)} << wcc;
 }
 
 }  // namespace nfslib::nfs3::procedures

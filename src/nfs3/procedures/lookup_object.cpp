@@ -18,8 +18,8 @@ void CLookupObject::execute(MemoryStream& stream, NfsService& service) {
   const NfsHandle handle = view->getHandle(args.dir, path, md);
   const MetaData dirMd = view->getMetaData(path.getParentPath());
 
-  stream << OperationResult::OK << handle << PostOpAttr{utility::getAttributes(handle, md)}
-         << PostOpAttr{utility::getAttributes(args.dir, dirMd)};
+  stream << OperationResult::OK << handle << PostOpAttr{utility::getAttributes(*view, handle, md)}
+         << PostOpAttr{utility::getAttributes(*view, args.dir, dirMd)};
 }
 
 }  // namespace nfslib::nfs3::procedures

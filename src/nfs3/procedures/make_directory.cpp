@@ -6,7 +6,8 @@
 
 namespace nfslib::nfs3::procedures {
 
-void CMakeDirectory::execute(MemoryStream& stream, NfsService& service) {
+void CMakeDirectory::execute(MemoryStream& stream, NfsService& service,
+                             const rpc::AuthOpaque& caller) {
   const DirOpArgs args = utility::readDirOpArgs(stream, service);
   SetAttributes3 wanted;
   stream >> wanted;
@@ -17,7 +18,8 @@ void CMakeDirectory::execute(MemoryStream& stream, NfsService& service) {
   utility::create(
       stream, dir, args.name,
       [&](Directory& parent) {
-        return utility::withAttributes(*parent.CreateSubdir(args.name), wanted);
+        return utility::withAttributes(*parent.CreateSubdir(args.name), wanted,
+                                       utility::ownerIn(dir, caller));
       },
       [&](std::string_view why) {
         log().dbg("Failed to create subdirectory [%1]: [%2]", dir.path() / args.name, why);

@@ -1,6 +1,5 @@
 #include "common/log.h"
 #include "common/xdr_records.h"
-#include "fs/cache_triggers.h"
 #include "nfs3/arguments.h"
 #include "nfs3/attributes.h"
 #include "nfs3/limits.h"
@@ -11,7 +10,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 
@@ -61,7 +59,7 @@ void CReadDirectory::executeExtended(MemoryStream& stream, NfsService& service) 
   constexpr unsigned kExtraSize = kPostOpAttrSize + kWordSize + kHandleSize;
   list(stream, listing, maxCount, kExtraSize, [&](const std::string& name, const MetaData& md) {
     const NfsHandle handle = listing.view->getHandle(listing.handle, listing.path / name, md);
-    stream << PostOpAttr{utility::getAttributes(handle, md)} << PostOpHandle{handle};
+    stream << PostOpAttr{utility::getAttributes(*listing.view, handle, md)} << PostOpHandle{handle};
   });
 }
 
@@ -71,55 +69,45 @@ template <class WriteExtra>
 void CReadDirectory::list(MemoryStream& stream, const Listing& listing, unsigned limit,
                           unsigned extraSize, const WriteExtra& writeExtra) {
   limit = std::min({limit, kMaxDirectoryReply, stream.outputLimit()});
-  const std::shared_ptr<Directory> dir = listing.view->openDirectory(listing.path);
+  NfsFileSystem& view = *listing.view;
+  const std::shared_ptr<Directory> dir = view.openDirectory(listing.path);
+  const PostOpAttr attributes{utility::getAttributes(view, listing.handle, listing.md)};
 
-  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(listing.handle, listing.md)}
-         << listing.verifier;
+  const unsigned start = stream.getOutputPosition();
+  stream << OperationResult::OK << attributes << listing.verifier;
 
   constexpr unsigned kClosingSize = 2 * kWordSize;
   const unsigned fixedSize = kWordSize + 2 * kHyperSize + extraSize + kClosingSize;
-  DirectoryIterator it = getDirectoryIterator(listing, dir);
-  std::uint64_t cookie = listing.cookie;
-  const auto visit = [&](const std::string& name, const MetaData& md) {
+  bool isEmpty = true;
+  const auto write = [&](const std::string& name, const MetaData& md, std::uint64_t cookie) {
     const bool isFull = stream.getOutputDataSize() + fixedSize + opaqueSize(name.size()) > limit;
     if (isFull) return true;
-    stream << true << md.fileId << name << ++cookie;
+    stream << true << md.fileId << name << cookie;
     writeExtra(name, md);
+    isEmpty = false;
     return false;
   };
-  listing.view->iterateDir(it, std::ref(visit));
-  const bool eof = !it;
-  cacheIterator(listing, dir, std::move(it), cookie);
-
+  const bool goesOn = !view.profile().listsSelfAndParent || !writeSelfAndParent(listing, write);
+  const NfsFileSystem::Listed listed{dir, listing.path.isRootPath(), listing.md.fileId,
+                                     listing.md.modifyTime};
+  const bool eof =
+      goesOn && view.list(listed, listing.cookie, CookieOrder::AllEntries, std::cref(write));
+  if (isEmpty && !eof && view.profile().refusesShortPages) {
+    // Else the client would ask for ever.
+    stream.seekOutput(start, SeekOrigin::Begin);
+    stream << OperationResult::TooSmall << attributes;
+    return stream.truncateOutput();
+  }
   stream << false << eof;
 }
 
-// A listing from the start makes a fresh pass: it shows what the directory holds now.
-DirectoryIterator CReadDirectory::getDirectoryIterator(const Listing& listing,
-                                                       const std::shared_ptr<Directory>& dir) {
-  DirectoryIterator it;
-  std::uint64_t skipped = 0;
-  auto stored = listing.cookie == 0
-                    ? std::nullopt
-                    : listing.view->positions().take(hostObject(dir), listing.path.isRootPath(),
-                                                     listing.md.modifyTime, listing.cookie);
-  if (stored) {
-    it = std::move(stored->it);
-    skipped = stored->cookie;
-  } else {
-    it = listing.view->getDirIterator(dir);
-  }
-  // The client may name any cookie; there are no more steps than entries.
-  for (; skipped != listing.cookie && it; ++skipped) ++it;
-  return it;
-}
-
-void CReadDirectory::cacheIterator(const Listing& listing, const std::shared_ptr<Directory>& dir,
-                                   DirectoryIterator it, std::uint64_t cookie) {
-  if (cookie == 0) return;
-  listing.view->positions().store({hostObject(dir), listing.path.isRootPath(),
-                                   listing.md.modifyTime, cookie, std::move(it),
-                                   CookieOrder::AllEntries});
+// The entries with the cookies 1 and 2, from where the listing goes on. Returns whether the page is
+// full before that is done.
+template <class Write>
+bool CReadDirectory::writeSelfAndParent(const Listing& listing, const Write& write) {
+  if (listing.cookie == 0 && write(".", listing.md, 1)) return true;
+  if (listing.cookie > 1) return false;
+  return write("..", listing.view->getMetaData(listing.path.getParentPath()), 2);
 }
 
 }  // namespace nfslib::nfs3::procedures

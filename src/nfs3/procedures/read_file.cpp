@@ -43,7 +43,8 @@ void CReadFile::execute(MemoryStream& stream, NfsService& service) {
   const bool eof = left <= most;
   const std::shared_ptr<File> file = length != 0 ? view->openFile(path) : nullptr;
 
-  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(handle, md)} << length << eof;
+  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(*view, handle, md)} << length
+         << eof;
   writeFileData(stream, file, offset, length, SendFromFile::Allowed);
 }
 

@@ -27,7 +27,7 @@ void CReadLink::execute(MemoryStream& stream, NfsService& service) {
                 target.size()));
   }
 
-  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(handle, md)} << target;
+  stream << OperationResult::OK << PostOpAttr{utility::getAttributes(*view, handle, md)} << target;
 }
 
 }  // namespace nfslib::nfs3::procedures

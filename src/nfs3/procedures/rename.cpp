@@ -21,8 +21,11 @@ void CRename::execute(MemoryStream& stream, NfsService& service) {
 
   const NfsPath source = fromDir.path() / from.name;
   const NfsPath target = toDir.path() / to.name;
+  const Profile& profile = service.profile();
   const OperationResult status = statusOfHostCall(
+      profile,
       [&] {
+        if (profile.isModern) utility::entryMetaData(fromDir.view(), source);
         const auto newParent = toDir.view().openDirectory(toDir.path());
         fromDir.view().moveEntry(from.name, fromDir.path(), newParent, to.name);
       },

@@ -3,21 +3,27 @@
 #include "common/xdr_records.h"
 #include "nfs3/arguments.h"
 #include "nfs3/attributes.h"
+#include "nfs3/changing.h"
 #include "nfs3/procedures.h"
+
+#include <optional>
 
 namespace nfslib::nfs3::procedures {
 
+using nfs::NfsOperationError;
 using nfs::OperationResult;
 
 namespace {
 
-// sattrguard3. The client's ctime is not compared: a guarded change is made like any other.
-void skipGuard(MemoryStream& stream) {
+// sattrguard3: the change time, in seconds, that the object must have.
+std::optional<unsigned> readGuard(MemoryStream& stream) {
   bool isGuarded = false;
   unsigned seconds = 0;
   unsigned nanoseconds = 0;
   stream >> isGuarded;
-  if (isGuarded) stream >> seconds >> nanoseconds;
+  if (!isGuarded) return std::nullopt;
+  stream >> seconds >> nanoseconds;
+  return seconds;
 }
 
 }  // namespace
@@ -27,23 +33,27 @@ void CSetAttributes::execute(MemoryStream& stream, NfsService& service) {
   const auto [view, path] = utility::getPath(handle, service);
   // From the host: attributes that were kept for a while might be older than what others have
   // written, and setting them would undo it.
-  const MetaData before = view->readMetaData(path);
+  MetaData md = view->readMetaData(path);
+  const fattr3 before = utility::getAttributes(*view, handle, md);
   log().dbg("setAttributes: path [%1]", path);
   SetAttributes3 wanted;
   stream >> wanted;
-  skipGuard(stream);
+  const std::optional<unsigned> guard = readGuard(stream);
   utility::checkDecoded(stream);
+  const Profile& profile = service.profile();
+  // In the classic profile a guarded change is made like any other.
+  if (profile.isModern && guard && *guard != before.changeTime) {
+    throw NfsOperationError(OperationResult::NotSync);
+  }
 
-  MetaData md = before;
   wanted.applyTo(md);
   const OperationResult status =
-      statusOfHostCall([&, &changed = view, &at = path] { changed->setMetaData(at, md); });
+      statusOfHostCall(profile, [&, &changed = view, &at = path] { changed->setMetaData(at, md); });
   // The change moved times as well; whoever asks next gets those.
   view->dropMetaData(path);
+  if (profile.isModern) md = utility::settledMetaData(*view, path, wanted, before.modifyTime);
 
-  stream << status
-         << WccData{PreOpAttr(utility::getAttributes(handle, before)),
-                    {utility::getAttributes(handle, md)}};
+  stream << status << WccData{PreOpAttr(before), {utility::getAttributes(*view, handle, md)}};
 }
 
 }  // namespace nfslib::nfs3::procedures

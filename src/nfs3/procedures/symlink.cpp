@@ -8,7 +8,7 @@
 
 namespace nfslib::nfs3::procedures {
 
-void CSymlink::execute(MemoryStream& stream, NfsService& service) {
+void CSymlink::execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller) {
   const DirOpArgs args = utility::readDirOpArgs(stream, service);
   const utility::Changing dir(args.dir, service);
   SetAttributes3 wanted;
@@ -22,7 +22,8 @@ void CSymlink::execute(MemoryStream& stream, NfsService& service) {
       stream, dir, args.name,
       [&](Directory& parent) {
         parent.CreateSymlink(args.name, target);
-        return utility::withAttributes(*parent.OpenSymlink(args.name), wanted);
+        return utility::withAttributes(*parent.OpenSymlink(args.name), wanted,
+                                       utility::ownerIn(dir, caller));
       },
       [&](std::string_view why) {
         log().dbg("Failed to create symlink [%1]: [%2]", dir.path() / args.name, why);

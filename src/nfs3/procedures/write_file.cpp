@@ -7,8 +7,8 @@
 #include "nfs3/procedures.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
-#include <stdexcept>
 
 namespace nfslib::nfs3::procedures {
 
@@ -26,20 +26,21 @@ void CWriteFile::execute(MemoryStream& stream, NfsService& service) {
   const memory::const_buffer data = stream.readOpaque();
   utility::checkDecoded(stream);
   if (data.size() != count) {
-    throw std::runtime_error(
-        message("A write of [%1] bytes came with [%2] bytes of data.", count, data.size()));
+    throw SystemNfsException(
+        EINVAL, message("A write of [%1] bytes came with [%2] bytes of data.", count, data.size()));
   }
 
   unsigned written = std::min(count, kMaxTransfer);
   OperationResult status = OperationResult::OK;
   if (written != 0) {
-    status = statusOfHostCall(
-        [&] { file.view().openFile(file.path())->Write(offset, data.data(), written); });
+    status = statusOfHostCall(file.profile(), [&] {
+      file.view().openFile(file.path())->Write(offset, data.data(), written);
+    });
   }
   if (status != OperationResult::OK) written = 0;
   const WccData wcc = file.wccData();
 
-  stream << status << wcc << written << stable << kWriteVerifier;
+  stream << status << wcc << written << stable << service.identity().writeVerifier;
 }
 
 }  // namespace nfslib::nfs3::procedures

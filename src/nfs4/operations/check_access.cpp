@@ -20,6 +20,12 @@ constexpr std::array kRights{
     Right{kAccessModify, true, true, true},  Right{kAccessExtend, true, true, true},
     Right{kAccessDelete, true, false, true}, Right{kAccessExecute, false, true, true},
 };
+// Running a file changes nothing.
+constexpr auto kModernRights = [] {
+  auto rights = kRights;
+  rights.back().changes = false;
+  return rights;
+}();
 
 }  // namespace
 
@@ -37,12 +43,16 @@ OperationResult CCheckAccess::execute(Call& call) {
     MetaData md = object.metaData;
     if (object.isPseudoRoot()) md.mode = 0555;  // everybody may pass, nobody may change it
     const bool isDirectory = isType(md, FileType::Directory);
-    for (const Right& right : kRights) {
+    const Profile& profile = call.service.profile();
+    for (const Right& right : profile.isModern ? kModernRights : kRights) {
       if (!(isDirectory ? right.ofDirectories : right.ofOthers)) continue;
       if (right.changes && (!call.writeEnabled || object.isPseudoRoot())) continue;
       supported |= right.bit;
-      CProtocolUtils::checkPermission(object.path, md, call.caller, requested, right.bit, granted);
+      CProtocolUtils::checkPermission(object.path, md, call.caller, requested, right.bit, granted,
+                                      profile);
     }
+    // Some clients take a bit that they have not asked about for an error.
+    if (profile.isModern) supported &= requested;
     log().dbg("Check result : [%1]", granted);
   }
   return respond(call, 3, status, [&] { call.stream << supported << granted; });

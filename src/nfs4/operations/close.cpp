@@ -1,3 +1,4 @@
+#include "nfs4/open_states.h"
 #include "nfs4/operations.h"
 
 namespace nfslib::nfs4::operations {
@@ -11,18 +12,9 @@ OperationResult CClose::execute(Call& call) {
   checkDecoded(call);
   log().dbg("Close: sequenceId [%1], filesystem object state ID [%2]", sequenceId, textOf(stateId));
 
-  auto& object = call.current();
-  OperationResult status = statusUnlessSet(object);
-  if (status == OperationResult::OK) status = statusOfStateId(object, stateId);
-  if (status == OperationResult::OK) {
-    const bool wasLast = call.session().closed();
-    if (wasLast && object.fileSystem) object.fileSystem->closeFile(object.path);
-    object.stateSequenceId = kClosedSequenceId;
-    object.stateOther = {};
-  }
-  return respondAlways(call, 4, status, [&] {
-    call.stream << FsObjectStateId{object.stateSequenceId, object.stateOther};
-  });
+  OperationResult status = statusUnlessSet(call.current());
+  if (status == OperationResult::OK) status = openStates(call).close(call, stateId);
+  return respondAlways(call, 4, status, [&] { call.stream << stateId; });
 }
 
 }  // namespace nfslib::nfs4::operations

@@ -51,6 +51,7 @@ void create(const Call& call, const Arguments& args) {
   } else {
     parent->CreateSymlink(args.name, args.target);
   }
+  if (!call.service.profile().stampsTimes) return;
   object.metaData = object.fileSystem->readMetaData(object.path);
   object.metaData.accessTime = object.metaData.modifyTime = utility::currentSeconds();
   object.fileSystem->setMetaData(object.path, object.metaData);
@@ -66,23 +67,29 @@ OperationResult CCreate::execute(Call& call) {
 
   const ChangedDirectory directory(call.current());
   const NfsPath path = call.current().path;
+  const MetaData parent = call.current().metaData;
   const auto tell = [&](std::string_view why) {
     log().warn("Failed to create filesystem object [%1] in directory [%2]: [%3]", args.name, path,
                why);
     return statusOfCreation(why);
   };
   OperationResult status = statusOf(call, args);
-  if (status == OperationResult::OK) status = statusOfHostCall([&] { create(call, args); }, tell);
+  if (status == OperationResult::OK)
+    status = statusOfHostCall(
+        call.service.profile(), [&] { create(call, args); }, tell);
   if (status == OperationResult::OK &&
       !call.session().setCurrentFileSystemObject(call.service, args.name)) {
     status = OperationResult::NoEntry;
   }
   Bitmap applied;
   if (status == OperationResult::OK) {
-    const Nfs4SetAttributes values = readWritableAttributes(call.stream, args.attributes, status);
+    const Nfs4SetAttributes values =
+        readWritableAttributes(call.stream, args.attributes, status, attributeTable(call));
     checkDecoded(call);
+    giveToCaller(call, parent);
     if (status == OperationResult::OK) {
-      status = statusOfHostCall([&] { applied = applyAttributes(call.current(), values); }, tell);
+      status = statusOfHostCall(
+          call.service.profile(), [&] { applied = applyAttributes(call, values); }, tell);
     }
   }
   return respond(call, 6, status, [&] { call.stream << directory.info() << applied; });

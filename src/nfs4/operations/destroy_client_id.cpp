@@ -1,5 +1,6 @@
 #include "nfs4/client.h"
 #include "nfs4/operations.h"
+#include "nfs4/state_table.h"
 
 namespace nfslib::nfs4::operations {
 
@@ -15,7 +16,7 @@ OperationResult CDestroyClientId::execute(Call& call) {
   OperationResult status = OperationResult::OK;
   if (!client) {
     status = OperationResult::StaleClientId;
-  } else if (!client->getSessions().empty()) {
+  } else if (!client->getSessions().empty() || call.service.openFiles().hasState(id)) {
     status = OperationResult::ClientIdBusy;
   } else {
     call.service.deleteClientId(id);

@@ -18,8 +18,7 @@ constexpr unsigned kConfirmed = 0x8000'0000;        // EXCHGID4_FLAG_CONFIRMED_R
 
 enum StateProtection : unsigned { kNone = 0, kMachineCredential = 1, kSsv = 2 };
 
-const ServerOwner kServerOwner{1, "Talvo File Mounter"};
-const std::string kServerScope;
+constexpr unsigned kServerInstance = 1;  // so_minor_id
 
 struct Arguments {
   ClientOwner owner;
@@ -87,9 +86,10 @@ OperationResult CExchangeId::execute(Call& call) {
   }
   return respondAlways(call, 42, status, [&] {
     constexpr unsigned kNoImplementation = 0;
+    const ServerIdentity& server = call.service.identity();
     call.stream << client->getId() << client->getSequenceId()
                 << (kUseNonPnfs | (isConfirmed ? kConfirmed : 0U)) << unsigned{kNone}
-                << kServerOwner << kServerScope << kNoImplementation;
+                << ServerOwner{kServerInstance, server.owner} << server.scope << kNoImplementation;
   });
 }
 

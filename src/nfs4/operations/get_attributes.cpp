@@ -12,7 +12,7 @@ nfs::OperationResult CGetAttributes::execute(Call& call) {
 
   const auto& object = call.current();
   return respond(call, 9, statusUnlessSet(object),
-                 [&] { printAttributes(call.stream, requested, object.handle, object.metaData); });
+                 [&] { printAttributes(call.stream, requested, shown(call, object)); });
 }
 
 }  // namespace nfslib::nfs4::operations

@@ -36,6 +36,7 @@ OperationResult CLink::execute(Call& call) {
   OperationResult status = statusOf(call, name);
   if (status == OperationResult::OK) {
     status = statusOfHostCall(
+        call.service.profile(),
         [&] {
           requireEntryName(name);
           const auto parent = object.fileSystem->openDirectory(object.path);

@@ -2,6 +2,7 @@
 #include "fs/entry_name.h"
 #include "nfs4/change.h"
 #include "nfs4/names.h"
+#include "nfs4/open_states.h"
 #include "nfs4/operations.h"
 
 #include <optional>
@@ -42,7 +43,7 @@ struct Arguments {
   Nfs4SetAttributes attributes;
   Claim claim = Claim::CLAIM_NULL;
   std::string name;
-  bool opened = false;  // for an owner that did not have it open
+  OpenStates::Opened opened;
 
   bool creates() const { return type == kCreate; }
   bool hasName() const {
@@ -54,7 +55,7 @@ struct Arguments {
 void readAttributes(Call& call, Arguments& args, OperationResult& status) {
   call.stream >> args.bitmap.emplace();
   checkDecoded(call);
-  args.attributes = readWritableAttributes(call.stream, *args.bitmap, status);
+  args.attributes = readWritableAttributes(call.stream, *args.bitmap, status, attributeTable(call));
 }
 
 void readHow(Call& call, Arguments& args, OperationResult& status) {
@@ -125,18 +126,24 @@ OperationResult statusOfName(const Call& call, const std::string& name) {
 }
 
 // What the current object is now is opened.
-void openCurrent(Call& call, Arguments& args, ChangeInfo& change) {
-  auto& object = call.current();
-  args.opened =
-      call.session().opened(object.fileSystem->openFile(object.path), {args.clientId, args.owner});
+OperationResult openCurrent(Call& call, Arguments& args, ChangeInfo& change) {
+  constexpr unsigned kWants = 0x3'FF00;  // OPEN4_SHARE_ACCESS_WANT_*: hints on delegations
+  const auto& object = call.current();
+  const OperationResult status = openStates(call).open(call,
+                                                       {.clientId = args.clientId,
+                                                        .owner = args.owner,
+                                                        .access = args.shareAccess & ~kWants,
+                                                        .deny = args.shareDeny},
+                                                       args.opened);
   change = {false, object.metaData.modifyTime, object.metaData.modifyTime};
+  return status;
 }
 
 void openByHandle(Call& call, Arguments& args, OperationResult& status, ChangeInfo& change) {
   if (status != OperationResult::OK) return;
   status = statusUnlessChangeable(call.current());
   if (status == OperationResult::OK) status = statusUnlessFile(call.current());
-  if (status == OperationResult::OK) openCurrent(call, args, change);
+  if (status == OperationResult::OK) status = openCurrent(call, args, change);
 }
 
 void openByName(Call& call, Arguments& args, OperationResult& status, ChangeInfo& change) {
@@ -161,9 +168,9 @@ bool openExisting(Call& call, Arguments& args, OperationResult& status, ChangeIn
   }
   if (args.createMode != kUnchecked) {
     const auto at = object.path / args.name;
-    const bool isRepeated =
-        args.createMode != kGuarded &&
-        call.session().madeExclusively(object.fileSystem->getMetaData(at).fileId, args.verifier);
+    const bool isRepeated = args.createMode != kGuarded &&
+                            openStates(call).madeExclusively(
+                                call, object.fileSystem->getMetaData(at).fileId, args.verifier);
     if (!isRepeated) {
       status = OperationResult::FileExist;
       return true;
@@ -186,7 +193,9 @@ void createFile(Call& call, Arguments& args, OperationResult& status, ChangeInfo
   }
   const auto& object = call.current();
   const NfsPath directory = object.path;
+  const MetaData parent = object.metaData;
   status = statusOfHostCall(
+      call.service.profile(),
       [&] {
         requireEntryName(args.name);
         object.fileSystem->openDirectory(directory)->CreateFile(args.name);
@@ -200,9 +209,10 @@ void createFile(Call& call, Arguments& args, OperationResult& status, ChangeInfo
     status = OperationResult::NoEntry;
     return;
   }
-  openCurrent(call, args, change);
+  giveToCaller(call, parent);
+  status = openCurrent(call, args, change);
   if (args.createMode == kExclusive || args.createMode == kExclusive41) {
-    call.session().rememberExclusive(call.current().metaData.fileId, args.verifier);
+    openStates(call).rememberExclusive(call, args.verifier);
   }
 }
 
@@ -211,12 +221,14 @@ OperationResult setSentAttributes(Call& call, const Arguments& args, Bitmap& app
   if (!args.bitmap) return OperationResult::OK;
   if (args.bitmap->size() > kMostWords) return OperationResult::AttributeNotSupported;
   MetaData unused;
-  if (setAttributes(args.attributes, unused).empty()) return OperationResult::OK;
-  return statusOfHostCall([&] { applied = applyAttributes(call.current(), args.attributes); },
-                          [](std::string_view why) {
-                            log().warn("Failed to set attributes: [%1]", why);
-                            return OperationResult::HardwareIoError;
-                          });
+  if (setAttributes(args.attributes, unused, attributeTable(call)).empty())
+    return OperationResult::OK;
+  return statusOfHostCall(
+      call.service.profile(), [&] { applied = applyAttributes(call, args.attributes); },
+      [](std::string_view why) {
+        log().warn("Failed to set attributes: [%1]", why);
+        return OperationResult::HardwareIoError;
+      });
 }
 
 }  // namespace
@@ -231,6 +243,7 @@ OperationResult COpen::execute(Call& call) {
             args.creates() ? "create" : "no_create", nameOf(args.claim), args.name);
 
   ChangeInfo change;
+  const ChangedDirectory directory(call.current());
   if (!args.hasName()) {
     openByHandle(call, args, status, change);
   } else if (args.creates()) {
@@ -241,14 +254,15 @@ OperationResult COpen::execute(Call& call) {
   Bitmap applied;
   if (status == OperationResult::OK) {
     status = setSentAttributes(call, args, applied);
-    if (status != OperationResult::OK && args.opened) call.session().closed();
+    if (status != OperationResult::OK && args.opened.isNew) {
+      openStates(call).takeBack(call, args.opened);
+    }
   }
+  if (status == OperationResult::OK && directory.countsChanges()) change = directory.info();
   return respond(call, 18, status, [&] {
     constexpr unsigned kNoFlags = 0;
     constexpr unsigned kNoDelegation = 0;
-    const auto& object = call.current();
-    call.stream << FsObjectStateId{object.stateSequenceId, object.stateOther} << change << kNoFlags
-                << applied << kNoDelegation;
+    call.stream << args.opened.stateId << change << kNoFlags << applied << kNoDelegation;
   });
 }
 

@@ -1,4 +1,5 @@
 #include "fs/file_data.h"
+#include "nfs4/open_states.h"
 #include "nfs4/operations.h"
 
 #include <algorithm>
@@ -12,14 +13,6 @@ namespace {
 
 constexpr unsigned kMaxRead = 8U << 20U;  // announced as maxread; a reply holds less
 
-OperationResult statusOf(const Call& call, const FsObjectStateId& stateId) {
-  const auto& object = call.current();
-  const OperationResult status = statusUnlessFile(object);
-  if (status == OperationResult::NoFileHandle) return status;
-  if (status == OperationResult::OK && !object.openFile) return OperationResult::NoFileHandle;
-  return status == OperationResult::OK ? statusOfStateId(object, stateId) : status;
-}
-
 }  // namespace
 
 OperationResult CRead::execute(Call& call) {
@@ -31,7 +24,12 @@ OperationResult CRead::execute(Call& call) {
   log().dbg("Read: stateId [%1], offset [%2], count[%3]", textOf(stateId), offset, count);
 
   const auto& object = call.current();
-  return respond(call, 25, statusOf(call, stateId), [&] {
+  std::shared_ptr<File> file;
+  OperationResult status = statusUnlessFile(object);
+  if (status == OperationResult::OK) {
+    status = openStates(call).use(call, stateId, OpenStates::Use::Read, file);
+  }
+  return respond(call, 25, status, [&] {
     const std::uint64_t size = object.fileSystem->getMetaData(object.path).size;
     const std::uint64_t left = size - std::min(size, offset);
     constexpr unsigned kInFront = 8 + kReservedSpace;  // eof, the length
@@ -42,7 +40,7 @@ OperationResult CRead::execute(Call& call) {
     call.stream << eof;
     // A reply that is recorded has to be in the stream.
     const bool isRecorded = call.session().getCurrentResponse() != nullptr;
-    writeFileData(call.stream, object.openFile, offset, static_cast<unsigned>(std::min(left, most)),
+    writeFileData(call.stream, file, offset, static_cast<unsigned>(std::min(left, most)),
                   isRecorded ? SendFromFile::Forbidden : SendFromFile::Allowed);
   });
 }

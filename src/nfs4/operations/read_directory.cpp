@@ -1,4 +1,3 @@
-#include "fs/cache_triggers.h"
 #include "nfs4/attributes.h"
 #include "nfs4/hexadecimal.h"
 #include "nfs4/operations.h"
@@ -7,8 +6,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace nfslib::nfs4::operations {
@@ -20,8 +21,8 @@ namespace {
 constexpr unsigned kMaxReply = 32'768;
 
 struct ReadDirectoryParams {
-  std::uint64_t cookie = 0;  // of the last entry that the client has, then of those written
-  verifier4 verifier;        // given back as it came
+  std::uint64_t cookie = 0;  // of the last entry that the client has
+  verifier4 verifier;        // given back as it came: cookies are never refused
   unsigned dirCount = 0;
   unsigned maxCount = 0;
   Bitmap attributes;
@@ -30,47 +31,71 @@ struct ReadDirectoryParams {
 // Writes one entry unless it would make the reply too long.
 class EntryWriter {
  public:
-  EntryWriter(Call& call, ReadDirectoryParams& params)
+  EntryWriter(Call& call, const ReadDirectoryParams& params)
       : m_stream(call.stream),
         m_params(params),
         m_limit(std::min({params.maxCount, kMaxReply, m_stream.outputLimit() - kReservedSpace})),
         m_before(m_stream.getOutputDataSize() - call.session().responseSize(m_stream)) {}
 
-  bool write(const std::string& name, const NfsHandle& handle, const MetaData& md) {
+  bool write(const std::string& name, std::uint64_t cookie, const ShownObject& object) {
     constexpr unsigned kClosingSize = 8;
     const unsigned start = m_stream.getOutputPosition();
     // A name that alone is too long is not written at all: what does not fit the stream is cut off.
     if (!hasRoom(start + name.size())) return false;
-    m_stream << true << m_params.cookie + 1 << name;
-    printAttributes(m_stream, m_params.attributes, handle, md);
+    m_stream << true << cookie << name;
+    printAttributes(m_stream, m_params.attributes, object);
     if (hasRoom(m_stream.getOutputPosition() + kClosingSize)) {
-      ++m_params.cookie;
+      m_isEmpty = false;
       return true;
     }
     m_stream.seekOutput(start, SeekOrigin::Begin);
     m_stream.truncateOutput();
     return false;
   }
+  bool isEmpty() const { return m_isEmpty; }
 
  private:
   bool hasRoom(std::size_t position) const { return position - m_before <= m_limit; }
 
   MemoryStream& m_stream;
-  ReadDirectoryParams& m_params;
+  const ReadDirectoryParams& m_params;
   const unsigned m_limit;
   const unsigned m_before;  // bytes of the reply that the limit does not count
+  bool m_isEmpty = true;
 };
+
+using Exports = std::vector<std::pair<std::uint64_t, NfsPath>>;
+
+// Those that are one level below the pseudo-root, with their cookies, which are their ordinals by
+// name; or, where cookies have to stay good while exports come and go, made of their numbers.
+Exports exportsOf(const Call& call) {
+  constexpr std::uint64_t kReserved = 2;  // cookies of "." and ".."
+  std::vector<NfsPath> paths = call.service.getExportPaths();
+  std::erase_if(paths, [](const NfsPath& path) { return path.nodes().size() != 1; });
+  std::sort(paths.begin(), paths.end());
+  Exports exports;
+  for (NfsPath& path : paths) {
+    std::uint64_t cookie = exports.size() + 1;
+    if (call.service.profile().remembersListings) {
+      const auto number = call.service.findExport(path);
+      if (!number) continue;  // withdrawn meanwhile
+      cookie = *number + kReserved;
+    }
+    exports.emplace_back(cookie, std::move(path));
+  }
+  std::sort(exports.begin(), exports.end());
+  return exports;
+}
 
 // The exports, as entries of the directory above them.
 bool writeExports(Call& call, const ReadDirectoryParams& params, EntryWriter& writer) {
-  std::vector<NfsPath> exports = call.service.getExportPaths();
-  std::erase_if(exports, [](const NfsPath& path) { return path.nodes().size() != 1; });
-  std::sort(exports.begin(), exports.end());
-  for (std::uint64_t i = params.cookie; i < exports.size(); ++i) {
-    const NfsPath& path = exports[i];
-    const NfsHandle handle = call.service.getHandle(path);
-    const MetaData md = call.service.getFileSystem(path).second->getMetaData(NfsPath("/"));
-    if (!writer.write(path.getFileName(), handle, md)) return false;
+  for (const auto& [cookie, path] : exportsOf(call)) {
+    if (cookie <= params.cookie) continue;
+    Nfs4Session::FileSystemObject object;
+    object.handle = call.service.getHandle(path);
+    object.fileSystem = call.service.getFileSystem(path).second;
+    object.metaData = object.fileSystem->getMetaData(object.path);
+    if (!writer.write(path.getFileName(), cookie, shown(call, object))) return false;
   }
   return true;
 }
@@ -89,47 +114,17 @@ std::shared_ptr<Directory> openDirectory(const Nfs4Session::FileSystemObject& ob
   return object.fileSystem->openDirectory(object.path);
 }
 
-bool isSelfOrParent(const std::string& name) { return name == "." || name == ".."; }
-
-// At the entry behind the one with the cookie. "." and ".." have none.
-DirectoryIterator getDirectoryIterator(NfsFileSystem& view, const std::shared_ptr<Directory>& dir,
-                                       const Nfs4Session::FileSystemObject& object,
-                                       std::uint64_t cookie) {
-  DirectoryIterator it;
-  std::uint64_t skipped = 0;
-  if (cookie != 0) {
-    if (auto stored = view.positions().take(hostObject(dir), object.path.isRootPath(),
-                                            object.metaData.modifyTime, cookie,
-                                            CookieOrder::WithoutSelfAndParent)) {
-      it = std::move(stored->it);
-      skipped = stored->cookie;
-    }
-  }
-  if (skipped == 0) it = view.getDirIterator(dir);
-  // The client may name any cookie; there are no more steps than entries.
-  for (; skipped != cookie && it; ++it) {
-    if (!isSelfOrParent(it->name)) ++skipped;
-  }
-  return it;
-}
-
 // Returns whether the listing is complete.
-bool writeEntries(const Nfs4Session::FileSystemObject& object, const ReadDirectoryParams& params,
-                  EntryWriter& writer) {
+bool writeEntries(const Call& call, const ReadDirectoryParams& params, EntryWriter& writer) {
+  const Nfs4Session::FileSystemObject& object = call.current();
   NfsFileSystem& view = *object.fileSystem;
-  const std::shared_ptr<Directory> dir = openDirectory(object);
-  DirectoryIterator it = getDirectoryIterator(view, dir, object, params.cookie);
-  view.iterateDir(it, [&](const std::string& name, const MetaData& md) {
-    if (isSelfOrParent(name)) return false;
+  const NfsFileSystem::Listed listed{openDirectory(object), object.path.isRootPath(),
+                                     object.metaData.fileId, object.metaData.modifyTime};
+  const auto visit = [&](const std::string& name, const MetaData& md, std::uint64_t cookie) {
     const NfsHandle handle = view.getHandle(object.handle, object.path / name, md);
-    return !writer.write(name, handle, md);
-  });
-  const bool eof = !it;
-  if (params.cookie != 0) {
-    view.positions().store({hostObject(dir), object.path.isRootPath(), object.metaData.modifyTime,
-                            params.cookie, std::move(it), CookieOrder::WithoutSelfAndParent});
-  }
-  return eof;
+    return !writer.write(name, cookie, shown(call, view, handle, md));
+  };
+  return view.list(listed, params.cookie, CookieOrder::WithoutSelfAndParent, std::cref(visit));
 }
 
 }  // namespace
@@ -146,13 +141,23 @@ OperationResult CReadDirectory::execute(Call& call) {
       bitmap4ToStr(params.attributes));
 
   const auto& object = call.current();
-  return respond(call, 26, statusUnlessDirectory(object), [&] {
+  const unsigned start = call.stream.getOutputPosition();
+  bool isTooSmall = false;
+  OperationResult status = respond(call, 26, statusUnlessDirectory(object), [&] {
     call.stream << params.verifier;
     EntryWriter writer(call, params);
     const bool eof = object.isPseudoRoot() ? writeExports(call, params, writer)
-                                           : writeEntries(object, params, writer);
+                                           : writeEntries(call, params, writer);
     call.stream << false << eof;
+    isTooSmall = writer.isEmpty() && !eof && call.service.profile().refusesShortPages;
   });
+  if (status == OperationResult::OK && isTooSmall) {
+    // Else the client would ask for ever.
+    call.stream.seekOutput(start, SeekOrigin::Begin);
+    status = respond(call, 26, OperationResult::TooSmall);
+    call.stream.truncateOutput();
+  }
+  return status;
 }
 
 }  // namespace nfslib::nfs4::operations

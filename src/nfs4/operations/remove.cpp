@@ -33,6 +33,7 @@ OperationResult CRemove::execute(Call& call) {
   if (status == OperationResult::OK) status = statusUnlessChangeable(object);
   if (status == OperationResult::OK) {
     status = statusOfHostCall(
+        call.service.profile(),
         [&] {
           object.fileSystem->remove(name, object.path);
           object.fileSystem->recordRemoval(object.path / name);

@@ -47,6 +47,7 @@ OperationResult CRename::execute(Call& call) {
     const NfsPath oldPath = from.path / oldName;
     const NfsPath newPath = to.path / newName;
     status = statusOfHostCall(
+        call.service.profile(),
         [&] {
           from.fileSystem->moveEntry(oldName, from.path, to.fileSystem->openDirectory(to.path),
                                      newName);

@@ -47,8 +47,7 @@ OperationResult CSequence::execute(Call& call) {
 
   call.flow.session = call.service.findSessionById(args.session);
   if (!call.flow.session) return respondAlways(call, 53, OperationResult::BadSession);
-  call.flow.taken = call.session().take();
-  call.session().followMoves();
+  call.flow.taken = call.session().take(call.service.profile());
   call.session().setCurrentResponse(nullptr);
   const auto last = call.session().findCachedResponse(args.slot);
   OperationResult status = OperationResult::OK;

@@ -1,5 +1,6 @@
 #include "nfs4/attributes.h"
 #include "nfs4/change.h"
+#include "nfs4/open_states.h"
 #include "nfs4/operations.h"
 
 namespace nfslib::nfs4::operations {
@@ -16,15 +17,23 @@ OperationResult CSetAttributes::execute(Call& call) {
 
   auto& object = call.current();
   OperationResult status = statusUnlessChangeable(object);
-  if (status == OperationResult::OK) status = statusOfStateId(object, stateId);
+  if (status == OperationResult::OK) {
+    constexpr unsigned kSize = 1U << 4U;
+    const bool resizes = !bitmap.empty() && (bitmap[0] & kSize) != 0;
+    std::shared_ptr<File> unused;
+    status = openStates(call).use(
+        call, stateId, resizes ? OpenStates::Use::Resize : OpenStates::Use::Touch, unused);
+  }
   if (status == OperationResult::OK && bitmap.size() > kMostWords) {
     status = OperationResult::AttributeNotSupported;
   }
-  const Nfs4SetAttributes values = readWritableAttributes(call.stream, bitmap, status);
+  const Nfs4SetAttributes values =
+      readWritableAttributes(call.stream, bitmap, status, attributeTable(call));
   checkDecoded(call);
   Bitmap applied;
   if (status == OperationResult::OK) {
-    status = statusOfHostCall([&] { applied = applyAttributes(object, values); });
+    status =
+        statusOfHostCall(call.service.profile(), [&] { applied = applyAttributes(call, values); });
   }
   // The one result that has a body whatever became of it.
   call.stream << 34U;

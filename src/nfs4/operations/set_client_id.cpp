@@ -3,15 +3,34 @@
 #include "nfs4/names.h"
 #include "nfs4/operations.h"
 
+#include <memory>
 #include <string>
 
 namespace nfslib::nfs4::operations {
 
 using nfs::OperationResult;
 
-// There is one client of minor version 0 at a time: the newest.
+namespace {
+
+constexpr unsigned kMinorVersion = 0;
+
+std::shared_ptr<Nfs4Client> clientOf(NfsService& service, const ClientOwner& owner) {
+  if (service.profile().hasOneClient) {
+    service.deleteClientsOf(kMinorVersion);
+  } else {
+    // A client that has not been started anew only tells where it can be called back.
+    auto known = service.findClientByOwner(owner.ownerId);
+    if (known && known->getMinorVersion() == kMinorVersion &&
+        known->getOwner().verifier == owner.verifier) {
+      return known;
+    }
+  }
+  return service.createClient(owner, kMinorVersion);
+}
+
+}  // namespace
+
 OperationResult CSetClientId::execute(Call& call) {
-  constexpr unsigned kMinorVersion = 0;
   ClientOwner owner;
   unsigned callbackProgram = 0;
   std::string callbackNet;
@@ -26,8 +45,7 @@ OperationResult CSetClientId::execute(Call& call) {
       hexadecimal(owner.verifier.bytes), owner.ownerId, callbackProgram, callbackAddress,
       callbackIdent);
 
-  call.service.deleteClientsOf(kMinorVersion);
-  const auto client = call.service.createClient(owner, kMinorVersion);
+  const auto client = clientOf(call.service, owner);
   return respondAlways(call, 35, OperationResult::OK,
                        [&] { call.stream << client->getId() << owner.verifier; });
 }

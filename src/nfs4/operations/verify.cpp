@@ -10,8 +10,8 @@ namespace {
 OperationResult checkAttributes(Call& call, const Bitmap& bitmap, Nfs4SetAttributes& values) {
   const OperationResult status = statusUnlessSet(call.current());
   if (status != OperationResult::OK) return status;
-  if (!areReadable(bitmap)) return OperationResult::AttributeNotSupported;
-  values = readReadableAttributes(call.stream, bitmap);
+  if (!areReadable(bitmap, attributeTable(call))) return OperationResult::AttributeNotSupported;
+  values = readReadableAttributes(call.stream, bitmap, attributeTable(call));
   checkDecoded(call);
   return OperationResult::OK;
 }
@@ -32,7 +32,7 @@ OperationResult CVerify::execute(Call& call, Mode mode) {
   Nfs4SetAttributes values;
   OperationResult status = checkAttributes(call, bitmap, values);
   if (status == OperationResult::OK) {
-    status = compareAttributes(values, object.handle, object.metaData);
+    status = compareAttributes(values, shown(call, object));
     if (!wantsEqual && status == OperationResult::NotSame) {
       status = OperationResult::OK;
     } else if (!wantsEqual && status == OperationResult::OK) {

@@ -1,5 +1,6 @@
 #include "common/clock.h"
 #include "common/host_failure.h"
+#include "nfs4/open_states.h"
 #include "nfs4/operations.h"
 #include "nfs4/read_write_directory_cache.h"
 
@@ -11,25 +12,15 @@ using nfs::OperationResult;
 
 namespace {
 
-constexpr unsigned kFileSync = 2;            // FILE_SYNC4: the host has every byte
-constexpr std::uint64_t kWriteVerifier = 0;  // so nothing is ever lost
+constexpr unsigned kFileSync = 2;  // FILE_SYNC4: the host has every byte
 
-OperationResult statusOf(const Call& call, const FsObjectStateId& stateId) {
+void write(const Call& call, File& file, std::uint64_t offset, const memory::const_buffer& data) {
   auto& object = call.current();
-  const OperationResult status = statusUnlessFile(object);
-  if (status != OperationResult::OK) return status;
-  if (!object.openFile) object.openFile = object.fileSystem->openFile(object.path);
-  if (!object.openFile) return OperationResult::NoFileHandle;
-  return statusOfStateId(object, stateId);
-}
-
-// The times are those of this server, whatever clock the host has.
-void write(Nfs4Session::FileSystemObject& object, std::uint64_t offset,
-           const memory::const_buffer& data) {
-  object.openFile->Write(offset, data.data(), data.size());
-  object.metaData = object.openFile->GetMetaData();
+  file.Write(offset, data.data(), data.size());
+  object.metaData = file.GetMetaData();
+  if (!call.service.profile().stampsTimes) return;
   object.metaData.changeTime = object.metaData.modifyTime = utility::currentSeconds();
-  object.openFile->SetMetaData(object.metaData);
+  file.SetMetaData(object.metaData);
 }
 
 // Listings go on with the directory as it is held here.
@@ -54,19 +45,24 @@ OperationResult CWrite::execute(Call& call) {
   checkDecoded(call);
 
   OperationResult status = statusUnlessChangeable(call.current());
-  if (status == OperationResult::OK) status = statusOf(call, stateId);
+  if (status == OperationResult::OK) status = statusUnlessFile(call.current());
+  std::shared_ptr<File> file;
+  if (status == OperationResult::OK) {
+    status = openStates(call).use(call, stateId, OpenStates::Use::Write, file);
+  }
   if (status == OperationResult::OK && data) {
     auto& object = call.current();
-    status = statusOfHostCall([&] { write(object, offset, data); },
-                              [&](std::string_view) {
-                                log().warn("Failed to write data (%1 bytes) to file [%2]",
-                                           data.size(), object.path);
-                                return OperationResult::HardwareIoError;
-                              });
+    status = statusOfHostCall(
+        call.service.profile(), [&] { write(call, *file, offset, data); },
+        [&](std::string_view) {
+          log().warn("Failed to write data (%1 bytes) to file [%2]", data.size(), object.path);
+          return OperationResult::HardwareIoError;
+        });
     if (status == OperationResult::NoSpaceLeftOnDevice) putParentDirectoryToCache(object);
   }
   return respond(call, 38, status, [&] {
-    call.stream << static_cast<unsigned>(data.size()) << kFileSync << kWriteVerifier;
+    call.stream << static_cast<unsigned>(data.size()) << kFileSync
+                << call.service.identity().writeVerifier;
   });
 }
 

@@ -1,0 +1,24 @@
+#include "nfs4/open_states.h"
+#include "nfs4/operations.h"
+
+namespace nfslib::nfs4::operations {
+
+using nfs::OperationResult;
+
+OperationResult COpenDowngrade::execute(Call& call) {
+  FsObjectStateId stateId;
+  unsigned sequenceId = 0;
+  OpenStates::Request request;
+  call.stream >> stateId >> sequenceId >> request.access >> request.deny;
+  checkDecoded(call);
+  log().dbg("Open downgrade: stateId [%1], access [%2], deny [%3]", textOf(stateId), request.access,
+            request.deny);
+
+  OperationResult status = statusUnlessSet(call.current());
+  if (status == OperationResult::OK) {
+    status = openStates(call).downgrade(call, request, stateId);
+  }
+  return respondAlways(call, 21, status, [&] { call.stream << stateId; });
+}
+
+}  // namespace nfslib::nfs4::operations
