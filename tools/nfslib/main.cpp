@@ -50,6 +50,7 @@ int groupId(const std::string& group) {
 struct RawOptions {
   std::string group;
   bool alias = false;
+  bool classic = false;
 };
 
 void addServeOptions(CLI::App& command, nfslib::tool::ServeOptions& options, RawOptions& raw) {
@@ -71,6 +72,12 @@ void addServeOptions(CLI::App& command, nfslib::tool::ServeOptions& options, Raw
       ->check(CLI::Range(1, 65535));
   command.add_flag("--alias", raw.alias,
                    "Serve on a loopback address of its own (version 3, root)");
+  command.add_flag("--classic", raw.classic,
+                   "Serve as clients of old expect it (docs/profiles.md)");
+  command
+      .add_option("--lease", options.policy.leaseSeconds,
+                  "Seconds that a client of version 4 may be silent (not with --classic)")
+      ->check(CLI::Range(1, 3600));
   command.add_option("--group", raw.group,
                      "Group, by name or number, whose members may use the export");
   command.add_option("--max-open-files", spec.maxOpenFiles, "Keep up to twice as many files open")
@@ -120,6 +127,7 @@ int main(int argc, char** argv) {
   try {
     if (!raw.group.empty()) spec.allowedGroupId = groupId(raw.group);
     spec.skipAddressAlias = !raw.alias;
+    if (raw.classic) options.serve.policy = {};
     if (*serve) nfslib::tool::serve(options.serve);
     if (*mount) nfslib::tool::mount(options);
     if (*unmount) nfslib::tool::unmount(options.mountPoint);

@@ -125,6 +125,7 @@ void mount(const MountOptions& options) {
       return makeLogSink(level, options.serve.logFile);
     };
     try {
+      NfsServer::instance().setPolicy(options.serve.policy);
       mounter.emplace(mountPoint, *source.tree, options.serve.spec,
                       logsFromStart ? makeSink() : nullptr);
     } catch (const std::exception&) {

@@ -100,6 +100,7 @@ void serve(const ServeOptions& options) {
   if (logsFromStart) installLog();
   {
     NfsServer& server = NfsServer::instance();
+    server.setPolicy(options.policy);
     const Export published(NfsPath(source.exportPath), *source.tree, options.spec);
     if (!logsFromStart) installLog();
     const std::string address = dotted(server.getAddress());

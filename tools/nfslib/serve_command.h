@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nfslib/nfs_mount_spec.h>
+#include <nfslib/nfs_server_policy.h>
 
 #include <string>
 
@@ -10,6 +11,7 @@ namespace nfslib::tool {
 struct ServeOptions {
   std::string source;
   NfsMountSpec spec;
+  NfsServerPolicy policy = NfsServerPolicy::modern();
   std::string logLevel;  // empty: warnings and errors, once the server runs
   std::string logFile;   // empty: standard error
 };
