@@ -1,7 +1,8 @@
-// One call with a good head and any arguments, through the RPC layer and its programs.
+// One call with a good head and any arguments, through the RPC layer and its programs, in both
+// profiles.
 //
-// The first byte chooses the program and the transport, the second the procedure, the third the
-// room for the reply; what follows are the arguments.
+// The first byte chooses the program, the transport and the version of the port mapper, the second
+// the procedure, the third the room for the reply; what follows are the arguments.
 
 #include "check.h"
 #include "common/memory_stream.h"
@@ -15,17 +16,20 @@
 
 using namespace nfslib;
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  constexpr std::size_t kChoices = 3;
+namespace {
+
+constexpr std::size_t kChoices = 3;
+
+void answer(const std::uint8_t* data, std::size_t size, const Profile& profile) {
   constexpr unsigned kDatagram = 65'507;
   constexpr std::array kPrograms{rpc::kNfsProgram, rpc::kMountProgram, rpc::kPortmapProgram};
   constexpr unsigned kXid = 0x1234'5678;
-  if (size < kChoices) return 0;
   const unsigned program = kPrograms[(data[0] >> 1U) % kPrograms.size()];
   const bool datagram = (data[0] & 1U) != 0;
-  const unsigned version = program == rpc::kPortmapProgram ? 2 : 3;
+  const unsigned lateVersion = profile.isModern && (data[0] & 0x80U) != 0 ? 4 : 2;
+  const unsigned version = program == rpc::kPortmapProgram ? lateVersion : 3;
 
-  fuzz::ServedTree tree;
+  fuzz::ServedTree tree(nfs::Nfs3Program::kVersion, profile);
   const auto arguments = tree.withHandles(data + kChoices, size - kChoices);
   MemoryStream call;
   call << kXid << 0U << 2U << program << version << unsigned{data[1]};
@@ -43,7 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     result = datagram ? tree.server().ProcessRpcRequestOverUdp(stream)
                       : tree.server().ProcessRpcRequestOverTcp(stream);
   } catch (const std::runtime_error&) {
-    return 0;  // no such export: the transport ends the request there
+    FUZZ_CHECK(!profile.isModern);
+    return;  // no such export: the transport ends the request there
   }
 
   MemoryStream reply;
@@ -71,7 +76,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       FUZZ_CHECK(reply.getInputDataSize() == 0);
       break;
     case rpc::AcceptStatus::ProgramUnavailable:
-      FUZZ_CHECK(false);  // all three are registered
+    case rpc::AcceptStatus::ProgramMismatch:
+      FUZZ_CHECK(false);  // all three are registered, in these versions
+      break;
+    case rpc::AcceptStatus::SystemError:
+      FUZZ_CHECK(false);  // a program answers whatever its tree throws
   }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size < kChoices) return 0;
+  for (const bool isModern : {false, true}) answer(data, size, {.isModern = isModern});
   return 0;
 }

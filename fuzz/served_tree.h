@@ -15,6 +15,7 @@
 #include "server/nfs_service.h"
 #include "support/recorded_log.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -30,7 +31,9 @@ namespace nfslib::fuzz {
 // more byte, the handle of an object of the tree takes their place.
 class ServedTree {
  public:
-  explicit ServedTree(unsigned version = nfs::Nfs3Program::kVersion) {
+  explicit ServedTree(unsigned version = nfs::Nfs3Program::kVersion, const Profile& profile = {}) {
+    m_service.setProfile(profile);
+    m_server.setProfile(profile);
     const auto root = m_tree.OpenRoot();
     root->CreateFile("empty");
     const auto file = root->CreateFile("file");
@@ -54,7 +57,8 @@ class ServedTree {
     m_handles.push_back({top.generation, top.fileSystemId + 1, top.objectId});
     m_handles.push_back({top.generation, top.fileSystemId, 0xDEAD'BEEF});
 
-    auto portMapper = std::make_unique<portmap::PortMapProgram>();
+    auto portMapper = std::make_unique<portmap::PortMapProgram>(
+        profile, [](unsigned port) { return std::to_string(port); });
     portMapper->map(rpc::kNfsProgram, 33049, portmap::kTcp, nfs::Nfs3Program::kVersion);
     portMapper->map(rpc::kMountProgram, 33050, portmap::kUdp, nfs::Nfs3Program::kVersion);
     m_server.registerProgram(rpc::kPortmapProgram, std::move(portMapper));
@@ -68,7 +72,7 @@ class ServedTree {
     }
   }
   // The session of minor version 0 outlives the tree.
-  ~ServedTree() { m_service.releaseObjects(kFirstExport); }
+  ~ServedTree() { m_service.releaseObjects(kFirstExport, std::chrono::steady_clock::now()); }
   ServedTree(const ServedTree&) = delete;
   ServedTree& operator=(const ServedTree&) = delete;
 

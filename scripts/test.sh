@@ -72,6 +72,11 @@ unit_tests() {
   ctest --preset "$1" -j "$jobs"
 }
 
+# The classic profile with clients that nobody here wrote.
+classic() {
+  NFSLIB_PROFILE=--classic tests/e2e/run.sh libnfs_test.Libnfs writable_test udp_test
+}
+
 # The tool itself under ThreadSanitizer, with eight clients at once.
 threads() {
   NFSLIB_TOOL=$PWD/build/tsan/bin/nfslib NFSLIB_PATIENCE=10 NFSLIB_BIG_FILE_MIB=8 \
@@ -96,6 +101,7 @@ step "build tsan" build tsan && step "tests under tsan" unit_tests tsan
 step "fuzz targets for 15 s each" scripts/fuzz.sh 15
 if [ -x build/release/bin/nfslib ] && [ -x build/clang/bin/libnfs_compare ]; then
   step "end to end" tests/e2e/run.sh
+  step "end to end in the classic profile" classic
   [ ! -x build/tsan/bin/nfslib ] || step "eight clients on the tool under tsan" threads
 else
   failed_steps+=("end to end")

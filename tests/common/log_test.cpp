@@ -2,8 +2,6 @@
 
 #include "support/recorded_log.h"
 
-#include <array>
-#include <cerrno>
 #include <cstdarg>
 #include <stdexcept>
 
@@ -63,17 +61,6 @@ std::string formatted(const char* format, ...) {
 TEST(StrFormat, PrintfFormIsCutAtItsBuffer) {
   EXPECT_EQ(formatted("%s-%d", "a", 5), "a-5");
   EXPECT_EQ(formatted("%s", std::string(5000, 'x').c_str()), std::string(4094, 'x'));
-}
-
-TEST(TextHelpers, SayTheirValue) {
-  EXPECT_EQ(to_hex(std::byte{0}), "00");
-  EXPECT_EQ(to_hex(std::byte{10}), "0A");
-  EXPECT_EQ(to_hex(std::byte{255}), "FF");
-  std::array<unsigned char, 16> uuid{0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF,
-                                     0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF};
-  EXPECT_EQ(utility::guidToStr(uuid.data()), "{01234567-89ab-cdef-0123-456789abcdef}");
-  EXPECT_THAT(utility::getErrnoDescription(ENOENT), ::testing::HasSubstr("No such file"));
-  EXPECT_THAT(utility::getErrnoDescription(123456), ::testing::HasSubstr("123456"));
 }
 
 TEST(Logger, LinesGoToTheSinkInstalledAndToNobodyElse) {

@@ -2,11 +2,7 @@
 
 #include "support/hex.h"
 
-#include <fstream>
-#include <memory>
-
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 namespace nfslib::testing {
 namespace {
@@ -218,28 +214,6 @@ TEST(MemoryStream, WritesInPlaceAreZeroedAndCountedAgainstTheLimit) {
   out << 1U;
   EXPECT_EQ(output(out), "00610000 00000001");
   EXPECT_EQ(out.outputSpace(), 0U);
-}
-
-std::size_t residentBytes() {
-  std::ifstream statm("/proc/self/statm");
-  std::size_t total = 0;
-  std::size_t resident = 0;
-  statm >> total >> resident;
-  return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-}
-
-// A server with many idle connections must not pay two megabytes for each.
-TEST(MemoryStream, OnlyWhatWasUsedIsResident) {
-  const std::size_t before = residentBytes();
-  if (before == 0) GTEST_SKIP() << "this system does not tell the resident size";
-  std::vector<std::unique_ptr<MemoryStream>> streams;
-  for (int i = 0; i < 100; ++i) {
-    streams.push_back(std::make_unique<MemoryStream>());
-    setInput(*streams.back(), "00000001");
-    *streams.back() << 1U;
-    EXPECT_EQ(streams.back()->getId(), streams.front()->getId() + static_cast<unsigned>(i));
-  }
-  EXPECT_LT(residentBytes(), before + 100UL * 128 * 1024);
 }
 
 }  // namespace

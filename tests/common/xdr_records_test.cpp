@@ -160,10 +160,5 @@ TEST(XdrRecords, StateProtection) {
   EXPECT_TRUE(parms.hashAlgorithms.empty());
 }
 
-TEST(XdrRecords, StatusIsItsNumber) {
-  EXPECT_EQ(encode(nfs::OperationResult::InvalidFileHandle), "00000046");
-  EXPECT_EQ(encode(nfs::OperationResult::BadHandle), "00002711");
-}
-
 }  // namespace
 }  // namespace nfslib::testing

@@ -2,9 +2,10 @@
 # In a machine whose kernel has an NFS client: mounts what the tool serves, with nobody asked for
 # ports, compares the whole tree by ordinary programs and leaves nothing behind.
 #
-#   kernel_client.sh TOOL [3|4.0]
+#   kernel_client.sh TOOL [3|4.0|4.1 [--classic]]
 version=${2:-3}
-name=kernel-client-$version
+profile=${3:-}
+name=kernel-client-$version$profile
 . "$(dirname "$0")/kernel_mount.sh"
 
 mkdir -p $work

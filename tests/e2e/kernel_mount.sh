@@ -2,12 +2,13 @@
 # afterwards, and what tells whether all is well.
 #
 # The script has set $name, which messages and directories show, perhaps $version (3, 4.0, 4.1, or 4
-# for what the client comes down to), and got the tool as its first argument. It works in $work;
+# for what the client comes down to) and $profile (--classic), and got the tool as its first argument. It works in $work;
 # serve_and_mount mounts at $work/mount.
 set -euo pipefail
 cd "$(dirname "$0")"
 tool=$1
 version=${version:-3}
+profile=${profile:-}
 work=/run/$name
 mount=$work/mount
 server=
@@ -29,7 +30,7 @@ serve_and_mount() {
   local directory=$1 mode=$2
   shift 2
   mkdir -p $mount
-  "$tool" serve "$directory" --nfs-version ${version%.*} "$@" >$work/announcement 2>$work/errors &
+  "$tool" serve "$directory" $profile --nfs-version ${version%.*} "$@" >$work/announcement 2>$work/errors &
   server=$!
   until_true grep -q '^ready$' $work/announcement || fail "the tool did not get ready"
   step "mounting"

@@ -3,8 +3,9 @@
 # files in turn, two mounts that see each other's changes, and the minor versions that a client may
 # ask for.
 #
-#   kernel_version4.sh TOOL
-name=kernel-version4
+#   kernel_version4.sh TOOL [--classic]
+profile=${2:-}
+name=kernel-version4$profile
 version=4.0
 . "$(dirname "$0")/kernel_mount.sh"
 tree=$work/tree
@@ -80,7 +81,7 @@ until_true [ ! -e $mount/moved ] || fail "the first still sees a removed file"
 umount $second || fail "umount"
 unmount_and_stop
 
-# Opening a file takes the client up to five seconds from minor version 1 on.
+# In the classic profile opening a file takes the client up to five seconds from minor version 1 on.
 for version in 4.1 4; do
   serve_and_mount $tree rw --rw
   step "version $version: list, read, write, compare"

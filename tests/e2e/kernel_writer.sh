@@ -2,9 +2,10 @@
 # In a machine whose kernel has an NFS client: ordinary programs change a writable mount, and what
 # they did is compared through the mount and where it is served from.
 #
-#   kernel_writer.sh TOOL [3|4.0]
+#   kernel_writer.sh TOOL [3|4.0|4.1 [--classic]]
 version=${2:-3}
-name=kernel-writer-$version
+profile=${3:-}
+name=kernel-writer-$version$profile
 . "$(dirname "$0")/kernel_mount.sh"
 
 tree=$work/tree
@@ -77,6 +78,9 @@ in_git fsck --full --strict 2>$work/said || fail "git fsck: $(cat $work/said)"
 changes=$(in_git status --porcelain) || fail "git status"
 is "git status" "" "$changes"
 is "commits" 4 "$(in_git rev-list --count main)"
+git clone -q $repository $mount/cloned
+git -C $mount/cloned gc -q --prune=now || fail "git gc"
+git -C $mount/cloned fsck --full 2>$work/said || fail "git fsck of the clone: $(cat $work/said)"
 git -C $tree/repository fsck --full 2>$work/said || fail "git fsck where it is served: $(cat $work/said)"
 
 step "mv of what is in use"

@@ -1,6 +1,5 @@
-"""The tree as libnfs sees it: nfs-ls, nfs-cat, and a walk that compares everything."""
+"""The tree as libnfs sees it, by a walk that compares everything."""
 
-import contextlib
 import os
 import re
 import subprocess
@@ -12,11 +11,17 @@ BIG_FILE = int(os.environ.get("NFSLIB_BIG_FILE_MIB", "100")) * 1024 * 1024
 CROWD = 5000
 
 
-class Libnfs(unittest.TestCase):
+class Comparing(unittest.TestCase):
+    def compare(self, server, tree):
+        done = support.run(support.COMPARE, server.url(), tree, timeout=120)
+        self.assertEqual((done.returncode, done.stderr), (0, b""), done.stdout.decode())
+        counts = [int(n) for n in re.findall(rb"\d+", done.stdout)]
+        return dict(zip(("directories", "files", "links", "others", "bytes"), counts))
+
+
+class Libnfs(Comparing):
     @classmethod
     def setUpClass(cls):
-        cls.list_program = support.program("nfs-ls")
-        cls.cat_program = support.program("nfs-cat")
         directory = cls.enterClassContext(support.scratch())
         cls.tree = support.small_tree(directory / "tree")
         support.crowded_directory(cls.tree / "crowded", CROWD)
@@ -24,49 +29,8 @@ class Libnfs(unittest.TestCase):
         cls.odd = support.odd_tree(directory / "odd")
         cls.server = cls.enterClassContext(support.Server(cls.tree))
 
-    def compare(self, server, tree):
-        done = support.run(support.COMPARE, server.url(), tree, timeout=120)
-        self.assertEqual((done.returncode, done.stderr), (0, b""), done.stdout.decode())
-        counts = [int(n) for n in re.findall(rb"\d+", done.stdout)]
-        return dict(zip(("directories", "files", "links", "others", "bytes"), counts))
-
-    def test_nfs_ls_lists_every_object(self):
-        done = support.run(self.list_program, "-R", self.server.url())
-        self.assertEqual((done.returncode, done.stderr), (0, b""))
-        listed = {}
-        for line in done.stdout.decode().splitlines():
-            mode, links, uid, gid, size, name = re.fullmatch(
-                r"(\S{10}) +(\d+) +(\d+) +(\d+) +(\d+) (.*)", line).groups()
-            listed[name.lstrip("/")] = (mode, int(links), int(uid), int(gid), int(size))
-        expected = support.names_below(self.tree)
-        self.assertGreater(len(expected), CROWD)
-        self.assertEqual(sorted(listed), sorted(expected))
-        for name, (mode, links, uid, gid, size) in listed.items():
-            status = expected[name]
-            self.assertEqual((links, uid, gid), (status.st_nlink, status.st_uid, status.st_gid), name)
-            # The program prints neither set-id nor sticky bits.
-            plain = support.type_and_mode(status).translate(str.maketrans("sStT", "x-x-"))
-            self.assertEqual(mode, plain, name)
-            if not mode.startswith("d"):
-                self.assertEqual(size, status.st_size, name)
-
-    def test_nfs_cat_reads_every_byte(self):
-        # nfs-cat mounts the directory of the file, so that has to be the export.
-        for directory, names in ((self.tree, ["big"]),
-                                 (self.tree / "sizes", list(map(str, support.SIZES))),
-                                 (self.tree / "names", support.PLAIN_NAMES),
-                                 (self.tree / "crowded", ["entry 000000", "entry 004999"])):
-            with contextlib.ExitStack() as stack:
-                server = self.server
-                if directory != self.tree:
-                    server = stack.enter_context(support.Server(directory, "--alias"))
-                for name in names:
-                    done = support.run(self.cat_program, server.url("/" + name), timeout=60)
-                    self.assertEqual((done.returncode, done.stderr), (0, b""), name)
-                    self.assertTrue(done.stdout == (directory / name).read_bytes(), name)
-
-    def test_a_missing_file_and_a_missing_export_are_told(self):
-        done = support.run(self.cat_program, self.server.url("/no such file"))
+    def test_a_missing_file_is_told(self):
+        done = support.run(support.program("nfs-cat"), self.server.url("/no such file"))
         self.assertNotEqual(done.returncode, 0)
         self.assertIn(b"NOENT", done.stderr)
 
@@ -99,10 +63,34 @@ class Libnfs(unittest.TestCase):
                 client.kill()
                 client.communicate()
 
-    def test_a_system_tree(self):
-        tree = next(path for path in ("/usr/include/linux", "/usr/share/doc") if os.path.isdir(path))
-        with support.Server(tree, "--alias") as server:
-            self.assertGreater(self.compare(server, tree)["files"], 50)
+
+class Version4(Comparing):
+    """The modern profile: libnfs asks for attributes that the classic one does not have."""
+
+    def setUp(self):
+        self.directory = self.enterContext(support.scratch())
+
+    def test_shows_the_same(self):
+        tree = support.small_tree(self.directory / "tree")
+        support.crowded_directory(tree / "crowded", CROWD)
+        (tree / "big").write_bytes(support.pattern(10 << 20))
+        with support.Server(tree, "--nfs-version", 4) as server:
+            counts = self.compare(server, tree)
+        self.assertGreater(counts["files"], CROWD)
+        self.assertGreater(counts["bytes"], 10 << 20)
+
+    def test_takes_files(self):
+        # More than this in a WRITE of version 4 the library cannot encode.
+        (self.directory / "file").write_bytes(support.pattern(3000))
+        served = self.directory / "served"
+        served.mkdir()
+        with support.Server(served, "--rw", "--nfs-version", 4) as server:
+            for name in "one", "another":
+                done = support.run(support.program("nfs-cp"), self.directory / "file", server.url(f"/{name}"))
+                self.assertEqual(done.returncode, 0, done.stderr)
+            self.compare(server, served)
+        for name in "one", "another":
+            self.assertEqual((served / name).read_bytes(), support.pattern(3000))
 
 
 if __name__ == "__main__":

@@ -181,18 +181,6 @@ class Life(unittest.TestCase):
                 done = support.run(support.program("nfs-cat"), server.url("/file"))
                 self.assertEqual(done.stdout, b"content", done.stderr)
 
-    def test_a_memory_tree(self):
-        with support.Server("memory:64M", "--rw") as server:
-            done = support.run(support.program("nfs-ls"), "-R", server.url())
-            self.assertEqual((done.returncode, done.stdout), (0, b""), done.stderr)
-        with support.Server("memory:64M", "--rw", "--nfs-version", 4) as server, \
-                nfs4_client.Nfs4Client(server.address, server.nfs_port, 0) as client:
-            client.begin()
-            root = ("PUTROOTFH", ("LOOKUP", nfs4_client.opaque(server.export[1:].encode())))
-            name = nfs4_client.opaque(b"directory")
-            client.done(*root, ("CREATE", nfs4_client.words(nfs4_client.DIRECTORY) + name + nfs4_client.attributes()))
-            client.done(*root, ("LOOKUP", name), "LOOKUPP")
-
     def test_the_log(self):
         with support.scratch() as directory:
             log = directory / "log"

@@ -50,8 +50,8 @@ class PortMapper(unittest.TestCase):
     def check_tcp(self, *options):
         with support.Server(self.tree, *options) as server:
             self.assertEqual(programs(server.address), {
-                (100000, 2, "tcp"): 111,
-                (100000, 2, "udp"): 111,
+                **{(100000, version, transport): 111
+                   for version in (2, 3, 4) for transport in ("tcp", "udp")},
                 (NFS_PROGRAM, 3, "tcp"): server.nfs_port,
                 (MOUNT_PROGRAM, 3, "tcp"): server.mount_port,
                 (MOUNT_PROGRAM, 3, "udp"): server.mount_port,

@@ -6,7 +6,8 @@
 # The environment says what is tested: NFSLIB_TOOL, NFSLIB_COMPARE, NFSLIB_CHANGE and NFSLIB_MOUNTS
 # (programs; the release tool and the clang build's libnfs_compare, libnfs_change and
 # mounts_in_one_process unless given), NFSLIB_PATIENCE (a factor for all deadlines),
-# NFSLIB_BIG_FILE_MIB. Tests that lack a program or a privilege are skipped and say why.
+# NFSLIB_BIG_FILE_MIB, NFSLIB_PROFILE (--classic). Tests that lack a program or a privilege are skipped
+# and say why.
 set -euo pipefail
 cd "$(dirname "$0")"
 export PYTHONDONTWRITEBYTECODE=1

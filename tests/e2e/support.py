@@ -19,6 +19,7 @@ CHANGE = os.environ.get("NFSLIB_CHANGE", str(PROJECT / "build/clang/bin/libnfs_c
 MOUNTS = os.environ.get("NFSLIB_MOUNTS", str(PROJECT / "build/clang/bin/mounts_in_one_process"))
 # Instrumented builds are slower; the deadlines stretch with them.
 PATIENCE = float(os.environ.get("NFSLIB_PATIENCE", "1"))
+PROFILE = os.environ.get("NFSLIB_PROFILE", "").split()  # an option of the tool, for every server
 
 ENVIRONMENT = {**os.environ, "PATH": os.environ["PATH"] + ":/usr/sbin:/sbin", "LC_ALL": "C.UTF-8"}
 
@@ -62,7 +63,7 @@ class Server:
         self.diagnostics = tempfile.TemporaryFile()
         started = time.monotonic()
         self.process = subprocess.Popen(
-            [*before, TOOL, "serve", os.fspath(source), *map(str, options)], env=ENVIRONMENT,
+            [*before, TOOL, "serve", os.fspath(source), *PROFILE, *map(str, options)], env=ENVIRONMENT,
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self.diagnostics)
         try:
             self._read_announcement(started + ready_within * PATIENCE)
@@ -90,8 +91,8 @@ class Server:
 
     def url(self, path="/"):
         """The libnfs URL of an object of the tree. libnfs takes each byte as it is, but for "?"."""
-        return (f"nfs://{self.address}{self.export}{path}"
-                f"?nfsport={self.nfs_port}&mountport={self.mount_port}")
+        rest = f"mountport={self.mount_port}" if self.mount_port else "version=4"
+        return f"nfs://{self.address}{self.export}{path}?nfsport={self.nfs_port}&{rest}"
 
     def errors(self):
         """What the tool has written to standard error so far."""
@@ -190,6 +191,16 @@ def small_tree(root):
     return root
 
 
+def tree_to_change(root):
+    """What libnfs_change begins with."""
+    for name in ("directory", "empty"):
+        (root / name).mkdir(parents=True)
+    for name in ("file", "doomed", "directory/inner"):
+        (root / name).write_text(name)
+    (root / "link").symlink_to("file")
+    return root
+
+
 def deep_directory(path, levels):
     for level in range(levels):
         path = path / f"level {level}"
@@ -226,55 +237,6 @@ def names_below(root):
         for name in subdirectories + files:
             path = os.path.join(directory, name)
             found[os.path.relpath(path, root)] = os.lstat(path)
-    return found
-
-
-def parts_with_data(file, size):
-    """The (begin, end) of what is not a hole."""
-    end = 0
-    while end < size:
-        try:
-            begin = os.lseek(file, end, os.SEEK_DATA)
-        except OSError:
-            return
-        end = os.lseek(file, begin, os.SEEK_HOLE)
-        yield begin, end
-
-
-def same_bytes(one, other, size):
-    """Whether two files have the same bytes; holes of both are passed over."""
-    with open(one, "rb", 0) as a, open(other, "rb", 0) as b:
-        parts = {part for file in (a, b) for part in parts_with_data(file.fileno(), size)}
-        if sum(end - begin for begin, end in parts) > 1 << 30:
-            raise AssertionError(f"{one} or {other} has no holes to speak of")
-        for begin, end in parts:
-            for offset in range(begin, end, 1 << 20):
-                length = min(end - offset, 1 << 20)
-                if os.pread(a.fileno(), length, offset) != os.pread(b.fileno(), length, offset):
-                    return False
-    return True
-
-
-def tree_differences(served, local):
-    """Where two trees differ, a line each. Of the times only those set to something long past."""
-    def facts(path, status):
-        kind = stat.S_IFMT(status.st_mode)
-        return {"type and mode": type_and_mode(status), "owner": (status.st_uid, status.st_gid),
-                "links": status.st_nlink if kind != stat.S_IFDIR else None,
-                "size": status.st_size if kind == stat.S_IFREG else None,
-                "target": os.readlink(path) if kind == stat.S_IFLNK else None,
-                "time": int(status.st_mtime) if status.st_mtime < 1_500_000_000 else None}
-
-    trees = names_below(served), names_below(local)
-    found = [f"{name}: is only on one side" for name in trees[0].keys() ^ trees[1].keys()]
-    for name in sorted(trees[0].keys() & trees[1].keys()):
-        one, other = (facts(os.path.join(root, name), tree[name])
-                      for root, tree in zip((served, local), trees))
-        found += [f"{name}: {what} is {one[what]} instead of {other[what]}"
-                  for what in one if one[what] != other[what]]
-        if one == other and one["size"] is not None and not same_bytes(
-                os.path.join(served, name), os.path.join(local, name), one["size"]):
-            found.append(f"{name}: has other bytes")
     return found
 
 

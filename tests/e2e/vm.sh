@@ -76,7 +76,8 @@ for module in $(cat /modules/order); do insmod /modules/$module; done
 mount -t 9p -o trans=virtio,version=9p2000.L,msize=512000,cache=loose,ro root /lower
 mount -t tmpfs -o size=60% tmpfs /layer
 mkdir /layer/data /layer/work
-mount -t overlay -o lowerdir=/lower,upperdir=/layer/data,workdir=/layer/work overlay /guest
+# Run by an ordinary user, the files of root are somebody else's in here: setuid would not make root.
+mount -t overlay -o nosuid,lowerdir=/lower,upperdir=/layer/data,workdir=/layer/work overlay /guest
 mount -t proc proc /guest/proc
 mount -t sysfs sysfs /guest/sys
 mount -t devtmpfs dev /guest/dev

@@ -3,8 +3,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -106,48 +106,6 @@ TEST(NfsFileSystemThreads, ASlowHostCallHoldsUpNobodyElse) {
     running.get();
     answer.get();
   }
-}
-
-// For the thread sanitizer as much as for the assertions: every operation from eight threads, on
-// objects that they share and on objects of their own.
-TEST(NfsFileSystemThreads, EightThreadsShareOneView) {
-  constexpr int kThreads = 8;
-  constexpr int kRounds = 60;
-  CountingTree tree({"/d", "/d/e"}, {"/d/f", "/d/e/f"});
-  NfsFileSystem view(tree, writable());
-  std::atomic<int> failures{0};
-  const auto check = [&](bool held) { failures += held ? 0 : 1; };
-
-  const auto work = [&](int thread) {
-    const NfsPath d("/d");
-    const NfsPath f("/d/f");
-    for (int round = 0; round < kRounds; ++round) {
-      const std::string name = "t" + std::to_string(thread) + "-" + std::to_string(round % 4);
-      view.openDirectory(d)->CreateFile(name)->Write(0, nullptr, 10);
-      const MetaData md = view.getMetaData(d / name);
-      const NfsHandle handle = view.getHandle({1, 1, 0}, d / name, md);
-      check(md.size == 10 && view.findPath(handle) == d / name);
-      view.openFile(d / name)->Read(0, nullptr, 1);
-      view.setMetaData(d / name, md);
-      view.moveEntry(name, d, view.openDirectory(d / "e"), name);
-      check(view.pathExists(d / "e" / name) && !view.pathExists(d / name));
-      view.remove(name, d / "e");
-      view.closeFile(f);
-      view.openFile(f)->Read(0, nullptr, 1);
-      check(view.getMetaData(d / "e" / "f").fileId == 5);
-
-      const auto dir = view.openDirectory(NfsPath("/"));
-      auto it = view.getDirIterator(dir);
-      int count = 0;
-      view.iterateDir(it, [&](const std::string&, const MetaData&) { return ++count == 2; });
-      view.positions().store({dir, true, 0, static_cast<std::uint64_t>(round), it});
-      view.positions().take(dir, true, 0, static_cast<std::uint64_t>(round));
-    }
-  };
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kThreads; ++i) threads.emplace_back(work, i);
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(failures, 0);
 }
 
 }  // namespace

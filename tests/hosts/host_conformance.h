@@ -17,7 +17,7 @@
 /// alone, so these files can be copied next to a host of your own:
 ///
 /// \code
-/// INSTANTIATE_TEST_SUITE_P(MyHost, HostConformance, testing::Values(HostFactory{"MyHost", [] {
+/// INSTANTIATE_TEST_SUITE_P(MyHost, HostConformance, ::testing::Values(HostFactory{"MyHost", [] {
 ///   return HostUnderTest{std::make_unique<MyFileSystem>(), nullptr};
 /// }}), hostName);
 /// \endcode
@@ -42,7 +42,7 @@ struct HostFactory {
 inline std::ostream& operator<<(std::ostream& out, const HostFactory& host) {
   return out << host.name;
 }
-inline std::string hostName(const testing::TestParamInfo<HostFactory>& info) {
+inline std::string hostName(const ::testing::TestParamInfo<HostFactory>& info) {
   return info.param.name;
 }
 
@@ -58,7 +58,7 @@ void put(File& file, const std::string& text, unsigned long offset = 0);
 /// The names that one pass over `directory` yields, "." and ".." left out, in its order.
 std::vector<std::string> namesIn(const Directory& directory);
 
-class HostConformance : public testing::TestWithParam<HostFactory> {
+class HostConformance : public ::testing::TestWithParam<HostFactory> {
  protected:
   HostConformance() : host(GetParam().make()), root(host.tree->OpenRoot()) {}
 

@@ -112,4 +112,13 @@ TEST_P(HostConformance, ForbiddenMovesLeaveTheTreeAsItWas) {
   EXPECT_EQ(picture(), before);
 }
 
+TEST_P(HostConformance, ObjectsOfAnotherTreeAreRefused) {
+  const HostUnderTest other = GetParam().make();
+  const auto otherRoot = other.tree->OpenRoot();
+  const auto mine = file("file");
+  expectRefused([&] { root->MoveEntry("file", otherRoot, "file"); });
+  expectRefused([&] { otherRoot->Link("file", mine); });
+  EXPECT_THAT(namesIn(*otherRoot), ElementsAre());
+}
+
 }  // namespace nfslib::conformance

@@ -60,13 +60,6 @@ TEST(MemoryHostTest, WhatDoesNotFitIsRefusedAndChangesNothing) {
   EXPECT_EQ(contentOf(*root->OpenFile("renamed")), std::string(1000, 'z'));
 }
 
-TEST(MemoryHostTest, ObjectsAreNumberedFromTheRootOn) {
-  MemoryFileSystem tree(1U << 20);
-  const auto root = tree.OpenRoot();
-  EXPECT_EQ(root->GetMetaData().fileId, 1U);
-  EXPECT_EQ(root->CreateFile("file")->GetMetaData().fileId, 2U);
-}
-
 TEST(MemoryHostTest, SpaceComesBack) {
   MemoryFileSystem tree(1U << 20);
   const auto root = tree.OpenRoot();
@@ -135,15 +128,6 @@ TEST(MemoryHostTest, DirectoriesCountTheirSubdirectories) {
   EXPECT_EQ(links(*root), 3U);
   EXPECT_EQ(links(*inner), 2U);
   EXPECT_EQ(links(*dir), 0U);
-}
-
-TEST(MemoryHostTest, ObjectsOfAnotherTreeAreRefused) {
-  MemoryFileSystem tree(1U << 20);
-  MemoryFileSystem other(1U << 20);
-  const auto file = tree.OpenRoot()->CreateFile("file");
-  expectRefused([&] { tree.OpenRoot()->MoveEntry("file", other.OpenRoot(), "file"); });
-  expectRefused([&] { other.OpenRoot()->Link("file", file); });
-  EXPECT_THAT(conformance::namesIn(*other.OpenRoot()), testing::IsEmpty());
 }
 
 TEST(MemoryHostTest, ObjectsOutliveTheFileSystem) {

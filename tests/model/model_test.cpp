@@ -9,16 +9,15 @@
 #include "model/random_client.h"
 #include "posix/posix_file_system.h"
 #include "server/ports.h"
+#include "support/scratch_directory.h"
 
 #include <cstdlib>
 #include <exception>
-#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <memory>
 #include <random>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,25 +29,6 @@
 namespace nfslib::testing::model {
 
 namespace {
-
-// An empty directory, gone with its content at the end.
-class ScratchDirectory {
- public:
-  ScratchDirectory() : m_path(::testing::TempDir() + "model_XXXXXX") {
-    if (::mkdtemp(m_path.data()) == nullptr) throw std::runtime_error("no scratch directory");
-  }
-  ~ScratchDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-  }
-  ScratchDirectory(const ScratchDirectory&) = delete;
-  ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
-  const std::string& path() const { return m_path; }
-
- private:
-  std::string m_path;
-};
 
 // The cases of RENAME that a long run must have met.
 constexpr const char* kRenames[] = {

@@ -28,76 +28,58 @@ std::uint32_t secondsNow() {
       duration_cast<seconds>(system_clock::now().time_since_epoch()).count());
 }
 
+template <class... Words>
+[[noreturn]] void fail(const Words&... words) {
+  std::ostringstream text;
+  (text << ... << words);
+  throw std::runtime_error(text.str());
+}
+
 template <class Got, class Wanted>
 void same(const char* what, const Got& got, const Wanted& wanted) {
-  if (got == wanted) return;
-  std::ostringstream text;
-  text << what << " is " << got << " instead of " << wanted;
-  throw std::runtime_error(text.str());
+  if (got != wanted) fail(what, " is ", got, " instead of ", wanted);
 }
 
 void within(const char* what, std::uint32_t got, const TimeRange& wanted) {
   if (got >= wanted.least && got <= wanted.most) return;
-  std::ostringstream text;
-  text << what << " is " << got << " instead of " << wanted.least << " to " << wanted.most;
-  throw std::runtime_error(text.str());
+  fail(what, " is ", got, " instead of ", wanted.least, " to ", wanted.most);
 }
 
 void sameContent(const std::string& got, const std::string& wanted) {
   if (got == wanted) return;
   const auto differ = std::mismatch(got.begin(), got.end(), wanted.begin(), wanted.end());
-  std::ostringstream text;
-  text << got.size() << " bytes instead of " << wanted.size() << ", from byte "
-       << differ.first - got.begin() << " on other ones";
-  throw std::runtime_error(text.str());
+  fail(got.size(), " bytes instead of ", wanted.size(), ", from byte ", differ.first - got.begin(),
+       " on other ones");
 }
 
 }  // namespace
 
 std::span<const RandomClient::Operation> RandomClient::operations() {
-  using Self = RandomClient;
-  constexpr auto lookup = [](Self& self) {
-    Node& dir = self.pickDirectory();
-    std::string name = self.pickName(dir);
-    if (!isEntryName(name)) name = std::string("a\0b", 3);  // the others lead elsewhere
-    return self.lookup(self.m_client, dir, name);
-  };
-  constexpr auto getAttributes = [](Self& self) {
-    return self.getAttributes(self.m_client, *self.pickNode());
-  };
-  constexpr auto create = [](Self& self) { return self.create(FileType::Regular); };
-  constexpr auto makeDirectory = [](Self& self) { return self.create(FileType::Directory); };
-  constexpr auto makeSymlink = [](Self& self) { return self.create(FileType::SymbolicLink); };
-  constexpr auto remove = [](Self& self) { return self.remove(false); };
-  constexpr auto removeDirectory = [](Self& self) { return self.remove(true); };
-  constexpr auto list = [](Self& self) {
-    return self.list(self.m_client, self.pickDirectory(), false);
-  };
-  constexpr auto listPlus = [](Self& self) {
-    return self.list(self.m_client, self.pickDirectory(), true);
-  };
+  using It = RandomClient&;
+  using Statuses = std::vector<unsigned>;
   constexpr bool kGrows = true, kStays = false;
+  const Statuses any{kOk, kStale}, named{kOk, kNoEntry, kStale}, created{kOk, kExists, kStale},
+      emptied{kOk, kNoEntry, kNotEmpty, kStale}, ofOneType{kOk, kStale, kGarbageCall};
   static const std::vector<Operation> table{
-      {"LOOKUP", 8, kStays, {kOk, kNoEntry, kStale}, lookup},
-      {"GETATTR", 10, kStays, {kOk, kStale}, getAttributes},
-      {"SETATTR", 10, kStays, {kOk, kStale}, [](Self& self) { return self.setAttributes(); }},
-      {"CREATE", 16, kGrows, {kOk, kExists, kStale}, create},
-      {"MKDIR", 8, kGrows, {kOk, kExists, kStale}, makeDirectory},
-      {"SYMLINK", 8, kGrows, {kOk, kExists, kStale}, makeSymlink},
-      {"LINK", 12, kGrows, {kOk, kNoEntry, kStale}, [](Self& self) { return self.link(); }},
-      {"WRITE", 10, kStays, {kOk, kStale, kGarbageCall}, [](Self& self) { return self.write(); }},
-      {"READ", 7, kStays, {kOk, kStale, kGarbageCall}, [](Self& self) { return self.read(); }},
-      {"COMMIT", 10, kStays, {kOk, kStale}, [](Self& self) { return self.commit(); }},
-      {"REMOVE", 8, kStays, {kOk, kNoEntry, kStale}, remove},
-      {"RMDIR", 7, kStays, {kOk, kNoEntry, kNotEmpty, kStale}, removeDirectory},
-      {"RENAME", 24, kStays, {kOk, kNoEntry, kStale}, [](Self& self) { return self.rename(); }},
-      {"READDIR", 6, kStays, {kOk, kStale, kGarbageCall}, list},
-      {"READDIRPLUS", 6, kStays, {kOk, kStale, kGarbageCall}, listPlus},
-      {"READLINK",
-       6,
-       kStays,
-       {kOk, kStale, kGarbageCall},
-       [](Self& self) { return self.readLink(); }},
+      {"LOOKUP", 8, kStays, named, [](It it) { return it.lookup(); }},
+      {"GETATTR", 10, kStays, any,
+       [](It it) { return it.getAttributes(it.m_client, *it.pickNode()); }},
+      {"SETATTR", 10, kStays, any, [](It it) { return it.setAttributes(); }},
+      {"CREATE", 16, kGrows, created, [](It it) { return it.create(FileType::Regular); }},
+      {"MKDIR", 8, kGrows, created, [](It it) { return it.create(FileType::Directory); }},
+      {"SYMLINK", 8, kGrows, created, [](It it) { return it.create(FileType::SymbolicLink); }},
+      {"LINK", 12, kGrows, named, [](It it) { return it.link(); }},
+      {"WRITE", 10, kStays, ofOneType, [](It it) { return it.write(); }},
+      {"READ", 7, kStays, ofOneType, [](It it) { return it.read(); }},
+      {"COMMIT", 10, kStays, any, [](It it) { return it.commit(); }},
+      {"REMOVE", 8, kStays, named, [](It it) { return it.remove(false); }},
+      {"RMDIR", 7, kStays, emptied, [](It it) { return it.remove(true); }},
+      {"RENAME", 24, kStays, named, [](It it) { return it.rename(); }},
+      {"READDIR", 6, kStays, ofOneType,
+       [](It it) { return it.list(it.m_client, it.pickDirectory(), false); }},
+      {"READDIRPLUS", 6, kStays, ofOneType,
+       [](It it) { return it.list(it.m_client, it.pickDirectory(), true); }},
+      {"READLINK", 6, kStays, ofOneType, [](It it) { return it.readLink(); }},
   };
   return table;
 }
@@ -136,10 +118,8 @@ void RandomClient::run(unsigned operations) {
       ++m_tally[std::string(operation.name) + " " + std::to_string(status)];
       sortOut();
     } catch (const std::exception& e) {
-      std::ostringstream text;
-      text << "seed " << m_setup.seed << ", operation " << m_number << ", " << operation.name << " "
-           << m_operation << ": " << e.what();
-      throw std::runtime_error(text.str());
+      fail("seed ", m_setup.seed, ", operation ", m_number, ", ", operation.name, " ", m_operation,
+           ": ", e.what());
     }
   }
 }
@@ -277,7 +257,7 @@ unsigned RandomClient::create(FileType type) {
     // An id that was used before would let a handle of then lead to the object of now.
     for (const auto* known : {&m_nodes, &m_gone}) {
       for (const auto& other : *known) {
-        if (other->handle == reply.handle) throw std::runtime_error("a handle is given out again");
+        if (other->handle == reply.handle) fail("a handle is given out again");
       }
     }
     compare(reply.attributes, *node);
@@ -467,6 +447,13 @@ unsigned RandomClient::rename() {
   return wanted.status;
 }
 
+unsigned RandomClient::lookup() {
+  Node& dir = pickDirectory();
+  const std::string name = pickName(dir);
+  // The other names that are refused lead elsewhere here.
+  return lookup(m_client, dir, isEntryName(name) ? name : std::string("a\0b", 3));
+}
+
 unsigned RandomClient::lookup(Nfs3Client& client, Node& dir, const std::string& name) {
   if (m_operation.empty()) describe("of " + dir.path() + "/" + name);
   const Node* found = find(dir, name);
@@ -505,7 +492,7 @@ unsigned RandomClient::list(Nfs3Client& client, Node& dir, bool plus) {
     if (isShared && !entry.name.starts_with(m_setup.name)) continue;
     const Node* node = find(dir, entry.name);
     if (node == nullptr || !names.insert(entry.name).second) {
-      throw std::runtime_error("an entry that is not there, or a second time: " + entry.name);
+      fail("an entry that is not there, or a second time: ", entry.name);
     }
     same("listed fileid", entry.fileId, node->handle.objectId);
     if (!plus) continue;

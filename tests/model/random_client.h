@@ -82,6 +82,7 @@ class RandomClient {
   unsigned commit();
   unsigned remove(bool asDirectory);
   unsigned rename();
+  unsigned lookup();
   unsigned lookup(Nfs3Client& client, Node& dir, const std::string& name);
   unsigned getAttributes(Nfs3Client& client, const Node& node);
   unsigned list(Nfs3Client& client, Node& dir, bool plus);

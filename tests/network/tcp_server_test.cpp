@@ -6,12 +6,12 @@
 #include "rpc/portmap_program.h"
 #include "rpc/rpc_server.h"
 #include "support/recorded_log.h"
+#include "support/resident_memory.h"
 #include "support/rpc_client.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -100,7 +100,8 @@ class TestProgram : public rpc::RpcProgram {
 
 class TcpServerTest : public ::testing::Test {
  protected:
-  TcpServerTest() {
+  explicit TcpServerTest(const Profile& profile = {}) {
+    processor.setProfile(profile);
     processor.allowParallelRequests();
     processor.registerProgram(kPortmap, std::make_unique<portmap::PortMapProgram>());
     auto program = std::make_unique<TestProgram>();
@@ -159,6 +160,49 @@ TEST_F(TcpServerTest, AnswersCallsThatComeTogether) {
   EXPECT_EQ(peer.receiveRecord(), accepted(9, kGarbage));
   peer.send(record(nullCall(10, kPortmap, 2)));
   EXPECT_EQ(peer.receiveRecord(), accepted(10)) << "one bad call costs nobody else";
+}
+
+class ModernTcpServerTest : public TcpServerTest {
+ protected:
+  ModernTcpServerTest() : TcpServerTest({.isModern = true}) {}
+  static Bytes fragment(const Bytes& bytes) {
+    return wordBytes({static_cast<unsigned>(bytes.size())}) + bytes;
+  }
+};
+
+TEST_F(ModernTcpServerTest, JoinsTheFragmentsOfARecord) {
+  RpcClient peer = client();
+  Bytes big(900'000, std::byte{0x5A});
+  const Bytes call = nullCall(1, kTest, 1, 1) + wordBytes({900'000}) + big;
+  const auto part = [&](std::size_t from, std::size_t to) {
+    return Bytes(call.begin() + static_cast<std::ptrdiff_t>(from),
+                 call.begin() + static_cast<std::ptrdiff_t>(to));
+  };
+  // The head of the call itself is cut, and the last fragment is empty.
+  peer.send(fragment(part(0, 3)) + fragment(part(3, 40)) + fragment(part(40, call.size())) +
+            record({}));
+  peer.send(record(nullCall(2, kTest, 1)));
+  EXPECT_EQ(peer.receiveRecord(), accepted(1) + wordBytes({900'000}) + big);
+  EXPECT_EQ(peer.receiveRecord(), accepted(2));
+  // A call is a record: what is behind it is not another one.
+  peer.send(record(nullCall(3, kTest, 1) + nullCall(4, kTest, 1)));
+  peer.send(record(nullCall(5, kTest, 1)));
+  EXPECT_EQ(peer.receiveRecord(), accepted(3));
+  EXPECT_EQ(peer.receiveRecord(), accepted(5));
+}
+
+TEST_F(ModernTcpServerTest, FragmentsBeyondTheLongestRecordAreSkippedWithinReason) {
+  RpcClient peer = client();
+  const Bytes blank(700'000);
+  peer.send(fragment(nullCall(1, kTest, 1)) + fragment(blank) + record(blank));
+  peer.send(record(nullCall(2, kTest, 1)));
+  EXPECT_EQ(peer.receiveRecord(), accepted(1, kGarbage));
+  EXPECT_EQ(peer.receiveRecord(), accepted(2));
+  peer.send(fragment(nullCall(3, kTest, 1)) + wordBytes({0}));
+  EXPECT_EQ(peer.receiveRecord(), std::nullopt) << "an empty fragment that is not the last";
+  RpcClient endless = client();
+  endless.send(fragment(nullCall(4, kTest, 1)) + wordBytes({0x7FFFFFFF}));
+  EXPECT_EQ(endless.receiveRecord(), std::nullopt);
 }
 
 TEST_F(TcpServerTest, AFailedCallEndsItsRecordButNotTheConnection) {
@@ -343,25 +387,7 @@ TEST_F(TcpServerTest, SurvivesRunningOutOfDescriptors) {
   EXPECT_EQ(before.receiveRecord(), accepted(3));
 }
 
-TEST_F(TcpServerTest, SaysWhyItCannotStart) {
-  try {
-    const network::TcpServer second(kLoopback, htons(static_cast<std::uint16_t>(port)), processor);
-    FAIL() << "two servers on one port";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(),
-                 "Failed to start TCP server. Exception: [Failed to initialize local server. "
-                 "Error: [Address already in use]]");
-  }
-}
-
 #ifndef NFSLIB_TEST_SANITIZED
-std::size_t residentBytes() {
-  std::ifstream statm("/proc/self/statm");
-  std::size_t total = 0, resident = 0;
-  statm >> total >> resident;
-  return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-}
-
 TEST_F(TcpServerTest, AnIdleConnectionCostsLittleMemory) {
   constexpr std::size_t kConnections = 1000;
   rlimit limit{};

@@ -21,7 +21,7 @@ constexpr unsigned kTest = 200000;
 constexpr unsigned kGarbage = 4;
 
 // BLOB (2): as many bytes as asked, cut to what a reply may hold; TOO LONG (3): more than a
-// datagram.
+// datagram; THROW (4).
 class TestProgram : public rpc::RpcProgram {
  public:
   rpc::RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
@@ -32,6 +32,8 @@ class TestProgram : public rpc::RpcProgram {
       stream.writeZeros(std::min(size, stream.outputSpace()));
     } else if (parameters.procedure == 3) {
       stream.writeZeros(100'000);
+    } else if (parameters.procedure == 4) {
+      throw std::runtime_error("the host is upset");
     }
     return rpc::RpcProgramResult::Success;
   }
@@ -39,7 +41,8 @@ class TestProgram : public rpc::RpcProgram {
 
 class UdpServerTest : public ::testing::Test {
  protected:
-  UdpServerTest() {
+  explicit UdpServerTest(const Profile& profile = {}) {
+    processor.setProfile(profile);
     processor.registerProgram(kPortmap, std::make_unique<portmap::PortMapProgram>());
     processor.registerProgram(kTest, std::make_unique<TestProgram>());
     server.emplace(kLoopback, htons(static_cast<std::uint16_t>(port)), processor);
@@ -84,6 +87,27 @@ TEST_F(UdpServerTest, NeverSendsMoreThanADatagramHolds) {
   peer.send(nullCall(4, kTest, 1));
   EXPECT_EQ(peer.receiveDatagram(), accepted(4));
   EXPECT_THAT(log.takeLines(), Contains(HasSubstr("does not fit a datagram and is dropped")));
+}
+
+class ModernUdpServerTest : public UdpServerTest {
+ protected:
+  ModernUdpServerTest() : UdpServerTest({.isModern = true}) {}
+};
+
+TEST_F(ModernUdpServerTest, AFailedRequestEndsNothing) {
+  RpcClient peer = client();
+  peer.send(nullCall(1, kTest, 1, 4));  // throws
+  EXPECT_EQ(peer.receiveDatagram(), accepted(1, 5));
+  peer.send(wordBytes({2, 1, 0, 0, 0, 0}));  // a reply: dropped
+  peer.send(nullCall(3, kTest, 1));
+  EXPECT_EQ(peer.receiveDatagram(), accepted(3));
+  {
+    // Nobody listens any more when the answer comes.
+    RpcClient gone = client();
+    gone.send(nullCall(4, kTest, 1));
+  }
+  peer.send(nullCall(5, kTest, 1));
+  EXPECT_EQ(peer.receiveDatagram(), accepted(5));
 }
 
 TEST_F(UdpServerTest, StopsWithoutAnError) {

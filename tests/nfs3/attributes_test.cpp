@@ -35,17 +35,12 @@ constexpr const char* kSampleWords =
     "00000000 000000aa 22222222 33333333 "                    // fsid, fileid
     "60000001 00000000 60000002 00000000 60000003 00000000";  // atime, mtime, ctime
 
-TEST(Attributes, AreTwentyOneWords) { EXPECT_EQ(wire(sample()), kSampleWords); }
-
-TEST(Attributes, OptionalOnesAlwaysFollow) {
-  EXPECT_EQ(wire(PostOpAttr{sample()}), std::string("00000001 ") + kSampleWords);
-}
-
-TEST(Attributes, BeforeAChangeAreSizeAndTwoTimes) {
+TEST(Attributes, AreTwentyOneWordsBehindAFlag) {
+  const std::string optional = std::string("00000001 ") + kSampleWords;
+  EXPECT_EQ(wire(sample()), kSampleWords);
+  EXPECT_EQ(wire(PostOpAttr{sample()}), optional);
   EXPECT_EQ(wire(WccData{PreOpAttr(sample()), PostOpAttr{sample()}}),
-            std::string("00000001 00000012 3456789a 60000002 00000000 60000003 00000000 "
-                        "00000001 ") +
-                kSampleWords);
+            "00000001 00000012 3456789a 60000002 00000000 60000003 00000000 " + optional);
 }
 
 TEST(Attributes, OptionalHandleAlwaysFollows) {

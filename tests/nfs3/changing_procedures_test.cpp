@@ -41,6 +41,7 @@ class ChangingProceduresTest : public Nfs3Test {
     dir("/d");
     dir("/e");
     dir("/e/full");
+    dir("/empty");
     file("/d/f", "content");
     file("/e/full/g", "g");
     for (const char* path : {"/d", "/e", "/e/full", "/d/f", "/e/full/g"}) age(path);
@@ -329,6 +330,7 @@ TEST_F(ChangingProceduresTest, LackOfSpaceIsToldWithTheWholeBody) {
       {"CreateSymlink", kSymlink, wire(d, name) + kNothing + wire(name), here()},
       {"Link", kLink, wire(f, d, name), wire(attributesOf("/d/f")) + here()},
       {"RemoveFile", kRemove, wire(d, old), here()},
+      {"RemoveSubdir", kRmDir, wire(root, std::string("empty")), wcc(fattrOf("/"), "/")},
       {"MoveEntry", kRename, wire(d, old, d, name), here() + here()},
       {"SetMetaData", kSetAttr, wire(f) + size(99) + kNoGuard,
        wire(nfs3::WccData{nfs3::PreOpAttr(fattrOf("/d/f")), nfs3::PostOpAttr{grown}})},
@@ -338,12 +340,6 @@ TEST_F(ChangingProceduresTest, LackOfSpaceIsToldWithTheWholeBody) {
     EXPECT_THAT(send(full.procedure, full.arguments).body(), Words(wire(kNoSpace) + full.body))
         << full.operation;
   }
-  host.onCall = nullptr;
-  call(kRemove, d, old);
-  failWith("RemoveSubdir", [] { throw OutOfSpaceNfsException("full"); });
-  const Reply reply = call(kRmDir, root, std::string("d"));
-  EXPECT_THAT(reply.body(), Words(wire(kNoSpace) + wcc(fattrOf("/"), "/")));
-  EXPECT_TRUE(exists("/d"));
 }
 
 // A host that is really full, filled through the protocol.
@@ -388,133 +384,6 @@ TEST_F(FullTreeTest, StaysIntactAndTakesAgainWhatWasFreed) {
   EXPECT_EQ(status(kRemove, wire(handleOf("/e"), std::string("moved"))), kOk);
   EXPECT_EQ(create(), kOk);
   EXPECT_EQ(status(kWrite, wire(handleOf("/d/n0"), std::uint64_t{0}, 65'536U, 2U, block)), kOk);
-}
-
-// What clients hold and what was kept, when the tree changes under it. Nothing is looked up again.
-class StaleTest : public ChangingProceduresTest {
- protected:
-  // The status of READ of the whole file, and the bytes.
-  std::string read(const NfsHandle& handle) const {
-    const Reply reply = call(kRead, handle, std::uint64_t{0}, 100U);
-    MemoryStream in;
-    in.setInputData({reply.results.data(), reply.results.size()});
-    unsigned status = 0;
-    in >> status;
-    if (status != kOk) return "status " + std::to_string(status);
-    in.skipInput(88 + 8);
-    std::string data;
-    in >> data;
-    return data;
-  }
-  unsigned rename(const std::string& from, const std::string& to) {
-    const auto parent = [&](const std::string& path) {
-      return handleOf(NfsPath(path).getParentPath().str());
-    };
-    const Reply reply = call(kRename, parent(from), NfsPath(from).getFileName(), parent(to),
-                             NfsPath(to).getFileName());
-    return static_cast<unsigned>(std::stoul(reply.body().substr(0, 8), nullptr, 16));
-  }
-};
-
-TEST_F(StaleTest, HandlesFollowAMovedDirectoryAndAllBelowIt) {
-  serve(true);
-  const NfsHandle g = handleOf("/e/full/g");
-  const NfsHandle full = handleOf("/e/full");
-  const NfsHandle e = handleOf("/e");
-  read(g);
-  call(kGetAttr, full);
-  EXPECT_EQ(rename("/e", "/d/moved"), kOk);
-  EXPECT_EQ(read(g), "g");
-  EXPECT_EQ(view->findPath(g)->str(), "/d/moved/full/g");
-  for (const auto& [handle, path] :
-       {std::pair{g, "/d/moved/full/g"}, {full, "/d/moved/full"}, {e, "/d/moved"}}) {
-    {
-      const Reply reply = call(kGetAttr, handle);
-      EXPECT_THAT(reply.body(), Words(wire(kOk, fattrOf(path)))) << path;
-    }
-  }
-  EXPECT_EQ(call(kCreate, full, std::string("n"), 2U, kZeroVerifier).body().substr(0, 8),
-            wire(kOk));
-  EXPECT_TRUE(exists("/d/moved/full/n"));
-
-  // Something new where it was is nothing of it.
-  dir("/e");
-  dir("/e/full");
-  file("/e/full/g", "another");
-  EXPECT_EQ(read(g), "g");
-  EXPECT_EQ(read(handleOf("/e/full/g")), "another");
-}
-
-TEST_F(StaleTest, AReplacedFileIsNotServedAnyMore) {
-  file("/d/target", "the replaced");
-  serve(true);
-  const NfsHandle source = handleOf("/d/f");
-  const NfsHandle replaced = handleOf("/d/target");
-  EXPECT_EQ(read(replaced), "the replaced");
-  EXPECT_EQ(read(source), "content");
-  EXPECT_EQ(rename("/d/f", "/d/target"), kOk);
-  EXPECT_EQ(read(source), "content");
-  EXPECT_EQ(read(replaced), "status 70");
-  const Reply reply = call(kLookup, handleOf("/d"), std::string("target"));
-  EXPECT_THAT(reply.body(),
-              Words(wire(kOk, source, attributesOf("/d/target"), attributesOf("/d"))));
-}
-
-TEST_F(StaleTest, ASuccessorOfTheNameIsAnotherObject) {
-  serve(true);
-  const NfsHandle d = handleOf("/d");
-  const NfsHandle old = handleOf("/d/f");
-  EXPECT_EQ(read(old), "content");
-  call(kRemove, d, std::string("f"));
-  EXPECT_EQ(read(old), "status 70");
-  call(kCreate, d, std::string("f"), 2U, kZeroVerifier);
-  EXPECT_EQ(read(handleOf("/d/f")), "");
-  EXPECT_EQ(read(old), "status 70");
-  Reply reply = call(kWrite, old, std::uint64_t{0}, 1U, 2U, std::string("x"));
-  EXPECT_THAT(reply.body(), Words(wire(kStale, false)));
-  EXPECT_EQ(content("/d/f"), "");
-
-  // The same for a directory.
-  const NfsHandle full = handleOf("/e/full");
-  const NfsHandle e = handleOf("/e");
-  call(kRemove, full, std::string("g"));
-  call(kRmDir, e, std::string("full"));
-  send(kMkDir, wire(e, std::string("full")) + kNothing);
-  reply = call(kGetAttr, full);
-  EXPECT_THAT(reply.body(), Words(wire(kStale, false)));
-}
-
-TEST_F(StaleTest, AllNamesOfAFileShowWhatWasChangedThroughOne) {
-  serve(true);
-  const NfsHandle handle = handleOf("/d/f");
-  call(kGetAttr, handle);
-  call(kLink, handle, handleOf("/e"), std::string("second"));
-  const auto seen = [&](const char* dir, const char* name) {
-    const std::string body = call(kLookup, handleOf(dir), std::string(name)).body();
-    return body.substr(wire(kOk, handle, true).size() + 1, wire(fattrOf("/d/f")).size());
-  };
-  for (const unsigned mode : {0600U, 0640U}) {
-    send(kSetAttr, wire(handle) + testing::mode(mode) + kNoGuard);
-    call(kWrite, handle, std::uint64_t{mode}, 1U, 2U, std::string("x"));
-    EXPECT_EQ(seen("/d", "f"), wire(fattrOf("/d/f")));
-    EXPECT_EQ(seen("/e", "second"), wire(fattrOf("/d/f")));
-  }
-
-  // Renaming one name over the other takes none away.
-  EXPECT_EQ(rename("/d/f", "/e/second"), kOk);
-  EXPECT_TRUE(exists("/d/f"));
-
-  // The handle is good as long as one of the names is left.
-  call(kRemove, handleOf("/e"), std::string("second"));
-  Reply reply = call(kGetAttr, handle);
-  EXPECT_THAT(reply.body(), Words(wire(kOk, fattrOf("/d/f"))));
-  call(kLink, handle, handleOf("/e"), std::string("third"));
-  call(kRemove, handleOf("/d"), std::string("f"));
-  reply = call(kGetAttr, handle);
-  EXPECT_THAT(reply.body(), Words(wire(kOk, fattrOf("/e/third"))));
-  call(kRemove, handleOf("/e"), std::string("third"));
-  reply = call(kGetAttr, handle);
-  EXPECT_THAT(reply.body(), Words(wire(kStale, false)));
 }
 
 }  // namespace

@@ -4,10 +4,8 @@
 #include "support/nfs3_fixture.h"
 
 #include <array>
-#include <atomic>
 #include <cstdint>
 #include <map>
-#include <thread>
 
 namespace nfslib::testing {
 namespace {
@@ -176,31 +174,6 @@ TEST_F(Nfs3ProgramTest, LengthsThatTheInputDoesNotHoldAreGarbage) {
     EXPECT_EQ(send(kLookup, wire(handleOf("/dir"), length) + " 66696c65").acceptStatus,
               kGarbageArguments);
   }
-}
-
-// Eight clients on one program, as on a read-only export.
-TEST_F(Nfs3ProgramTest, ServesManyThreadsAtOnce) {
-  constexpr int kThreads = 8;
-  constexpr int kRounds = 50;
-  for (int i = 0; i < 300; ++i) file("/dir/" + std::to_string(1000 + i), "x");
-  serve();
-  const auto all = arguments();
-  std::map<unsigned, std::string> expected;
-  for (const auto& [number, accepted] : all) expected[number] = send(number, accepted).body();
-
-  std::atomic<int> wrong{0};
-  std::vector<std::thread> clients;
-  for (int client = 0; client < kThreads; ++client) {
-    clients.emplace_back([&] {
-      for (int round = 0; round < kRounds; ++round) {
-        for (const auto& [number, accepted] : all) {
-          if (send(number, accepted).body() != expected[number]) ++wrong;
-        }
-      }
-    });
-  }
-  for (std::thread& client : clients) client.join();
-  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

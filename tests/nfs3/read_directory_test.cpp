@@ -262,12 +262,5 @@ TEST_F(ReadDirectoryTest, HostThatFailsInTheMidstLeavesNoPartOfAReply) {
   EXPECT_THAT(page("/d", 0, kPlenty).entries, SizeIs(5));
 }
 
-TEST_F(ReadDirectoryTest, FileCannotBeListed) {
-  file("/f", "");
-  serve();
-  EXPECT_EQ(call(kReadDir, handleOf("/f"), std::uint64_t{0}, kVerifier, kPlenty).acceptStatus,
-            kGarbageArguments);
-}
-
 }  // namespace
 }  // namespace nfslib::testing

@@ -58,6 +58,7 @@ INSTANTIATE_TEST_SUITE_P(Ranges, SmallFileTest,
                              {"All", 0, 10, 10, true},
                              {"MoreThanAll", 0, 100, 10, true},
                              {"Front", 0, 7, 7, false},
+                             {"AllButTheLastByte", 0, 9, 9, false},
                              {"Middle", 3, 4, 4, false},
                              {"UpToTheEnd", 6, 4, 4, true},
                              {"AcrossTheEnd", 9, 4, 1, true},
@@ -77,12 +78,6 @@ TEST_F(ReadFileTest, LogsItsArguments) {
   call(kRead, file, std::uint64_t{3}, 4U);
   EXPECT_THAT(log.takeLines(),
               ::testing::Contains("dbg readFile: path [/small], offset [3], count[4]"));
-}
-
-TEST_F(ReadFileTest, EmptyFileIsAtItsEnd) {
-  serve();
-  EXPECT_EQ(call(kRead, handleOf("/empty"), std::uint64_t{0}, 4096U).body(),
-            dataReply("/empty", "", true));
 }
 
 TEST_F(ReadFileTest, TransferLimitCutsTheCount) {

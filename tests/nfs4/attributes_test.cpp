@@ -29,8 +29,8 @@ TEST(Attributes4Test, AllThatCanBeRead) {
   md.mode = 0x1FF;
   md.acl = {{1, 2, 4, "me"}};
   MemoryStream out;
-  nfs4::printAttributes(out, {~0U, ~0U, ~0U}, {0x1111'1111, 0x2222'2222, 0x3333'3333'3333'3333},
-                        md);
+  const NfsHandle handle{0x1111'1111, 0x2222'2222, 0x3333'3333'3333'3333};
+  nfs4::printAttributes(out, {~0U, ~0U, ~0U}, {handle, md});
   EXPECT_EQ(hex(out.getOutputBuffer()),
             "00000002 ec1abfff 00b0803e 000000fc"
             " 00000002 ec1abfff 00f1803e"           // supported_attrs

@@ -1,6 +1,9 @@
 #include "support/counting_tree.h"
 #include "support/nfs4_fixture.h"
 
+#include <chrono>
+#include <thread>
+
 namespace nfslib::testing {
 namespace {
 
@@ -173,8 +176,17 @@ TEST_P(ObjectsTest, WithdrawnExportIsLetGo) {
   const NfsHandle file = handleOf("/d/f");
   view.reset();
   service.removeExport(NfsPath("/export"));
-  service.releaseObjects(number);
-  EXPECT_TRUE(service.waitForViews(std::chrono::seconds(0)));
+  const auto now = std::chrono::steady_clock::now();
+  const auto session =
+      minorVersion == 0 ? Nfs4Session::getDefaultSession() : service.findSessionById(own.id);
+  {
+    // One whose COMPOUND does not end holds up nobody.
+    const auto taken = session->take(service.profile());
+    std::thread([&] { service.releaseObjects(number, now); }).join();
+    EXPECT_FALSE(service.waitForViews(now));
+  }
+  session->take(service.profile());
+  EXPECT_TRUE(service.waitForViews(now));
   EXPECT_EQ(status(Compound().add(op::kGetFh)), kNoFileHandle);
   EXPECT_EQ(status(Compound().add(op::kRestoreFh)), kNoFileHandle);
   EXPECT_EQ(status(Compound().put(file)), kBadHandle);

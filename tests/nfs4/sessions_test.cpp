@@ -1,5 +1,6 @@
 #include "nfs4/client.h"
 #include "support/nfs4_fixture.h"
+#include "support/resident_memory.h"
 
 namespace nfslib::testing {
 namespace {
@@ -159,6 +160,51 @@ TEST_F(SessionsTest, SlotsAreBounded) {
     ASSERT_EQ(sequence(id, 1, slot * 7, true).status, 0U);
   EXPECT_EQ(sequence(id, 1, 1, true).status, kBadSlot);
   EXPECT_EQ(sequence(id, 2, 7, true).status, kOk);
+}
+
+TEST_F(SessionsTest, CachedRepliesCostWhatTheyHold) {
+  serve();
+  constexpr std::size_t kLimit = 1U << 27U;  // 1 GiB for eight times as many
+  const std::size_t before = residentBytes();
+  const std::uint64_t client = exchangeId(1, "client");
+  for (unsigned i = 0; i < 125; ++i) {
+    const sessionid id = idIn(createSession(client, 1));
+    for (unsigned slot = 0; slot < 64; ++slot) {
+      ASSERT_EQ(sequence(id, 1, slot, true, Compound().add(op::kPutRootFh)).status, kOk);
+    }
+  }
+  EXPECT_LT(residentBytes() - before, kLimit);
+}
+
+TEST_F(SessionsTest, ARepeatedReplyIsSentWholeOrNotAtAll) {
+  file("/d/large", std::string(1'048'000, 'l'));
+  serve();
+  const sessionid id = makeSession("client", {0, 2U << 20U, 2U << 20U, 2U << 20U, 64, 1, 0, 0}).id;
+  const Compound compound = Compound()
+                                .add(op::kSequence, id, 1U, 0U, 0U, true)
+                                .add(at("/d/large").open(kNoCreate, kByHandle).read(0, 1'048'000));
+  const Answer first = send4(1, compound, "");
+  EXPECT_EQ(first.status, kOk);
+  EXPECT_EQ(send4(1, compound, "").whole, first.whole);
+  const std::string longTag(1000, 't');
+  EXPECT_EQ(send4(1, compound, longTag).whole, wire(kReplyTooBig, longTag, 0U));
+}
+
+TEST_F(SessionsTest, ClientsAndSessionsAreBounded) {
+  serve();
+  constexpr unsigned kClients = 4096, kSessions = 16'384;
+  ClientSession first = makeSession("first");
+  for (unsigned i = 1; i < kClients + 10; ++i) {
+    service.createClient({{}, std::to_string(i)}, 1);
+  }
+  EXPECT_EQ(run(first, {}).status, kOk);
+  EXPECT_EQ(service.findClientByOwner("1"), nullptr);
+  const auto last = service.findClientByOwner("4100");
+  ChannelAttributes channel = kChannel;
+  for (unsigned i = 1; i < kSessions; ++i) service.createSession(last, 0, channel);
+  EXPECT_EQ(createSession(last->getId(), 1).status, kResource);
+  EXPECT_EQ(destroy(first.id), kOk);
+  EXPECT_EQ(createSession(last->getId(), 1).status, kOk);
 }
 
 TEST_F(SessionsTest, LimitsOfTheForeChannelHold) {

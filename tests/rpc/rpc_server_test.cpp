@@ -14,7 +14,6 @@ namespace {
 
 using rpc::RpcProgramResult;
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 // Answers with one word and keeps what it was told.
@@ -99,14 +98,6 @@ TEST_F(RpcServerTest, HandsTheCallToItsProgram) {
   EXPECT_EQ(seen.caller.groups[1], 40U);
   EXPECT_EQ(call(100021, 0), kAccepted + "00000001") << "PROG_UNAVAIL";
   EXPECT_EQ(result, RpcProgramResult::GarbageArguments) << "the record ends with a failed call";
-}
-
-TEST_F(RpcServerTest, PutsARecordMarkBeforeTheReplyOnTcp) {
-  serve(kNfs);
-  MemoryStream stream;
-  setInput(stream, "0000002a 00000000 00000002 000186a3 00000003 00000000 " + kNone + kNone);
-  server.ProcessRpcRequestOverTcp(stream);
-  EXPECT_EQ(hex(stream.getOutputBuffer()), "8000001c " + kSuccess);
 }
 
 TEST_F(RpcServerTest, PutsTheProgramsFailureInPlaceOfItsResults) {

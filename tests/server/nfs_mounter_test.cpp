@@ -94,15 +94,6 @@ TEST_F(NfsMounterTest, UsesTheHostsLog) {
   EXPECT_THAT(log.takeLines(), IsEmpty());
 }
 
-TEST_F(NfsMounterTest, AMountPointThatIsNoneIsToldBeforeAnythingIsServed) {
-  EXPECT_EQ(failureOf([&] { mount("/no/such/place"); }),
-            "The mount point [/no/such/place] does not exist; create the directory first.");
-  EXPECT_EQ(failureOf([&] { mount("/etc/passwd"); }),
-            "The mount point [/etc/passwd] is not a directory.");
-  EXPECT_THAT(commands.takeLines(), IsEmpty());
-  EXPECT_THAT(tree.takeCalls(), IsEmpty());
-}
-
 TEST_F(NfsMounterTest, AFailedMountLeavesNothing) {
   commands.fail("mount", 32);
   EXPECT_THAT(failureOf([&] { mount(); }), StartsWith("Failed to mount NFS export [127.0.0.1:/{"));

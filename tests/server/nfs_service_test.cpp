@@ -106,11 +106,13 @@ TEST_F(NfsServiceTest, HandlesOfAnotherStartAreStale) {
 TEST_F(NfsServiceTest, WaitsForTheRequestsThatUseAWithdrawnView) {
   add(a);
   add(b);
-  EXPECT_TRUE(service.waitForViews(0ms));
+  using Clock = std::chrono::steady_clock;
+  EXPECT_TRUE(service.waitForViews(Clock::now()));
   auto view = service.getFileSystem(a).second;
   service.removeExport(a);
-  EXPECT_FALSE(service.waitForViews(1ms));
-  auto waiting = std::async(std::launch::async, [&] { return service.waitForViews(20s); });
+  EXPECT_FALSE(service.waitForViews(Clock::now() + 1ms));
+  auto waiting =
+      std::async(std::launch::async, [&] { return service.waitForViews(Clock::now() + 20s); });
   view.reset();
   EXPECT_TRUE(waiting.get());
 

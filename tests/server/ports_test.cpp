@@ -1,13 +1,10 @@
 #include "server/ports.h"
 
-#include "network/address.h"
-#include "server/host_commands.h"
 #include "server/scoped_cleanup_task.h"
 #include "support/failure_of.h"
 #include "support/recorded_log.h"
 #include "support/rpc_client.h"
 
-#include <functional>
 #include <stdexcept>
 #include <string>
 
@@ -28,14 +25,6 @@ network::SocketDescriptor occupy(unsigned port) {
   EXPECT_EQ(bind(socket, reinterpret_cast<sockaddr*>(&own), sizeof own), 0);
   EXPECT_EQ(listen(socket, 1), 0);
   return socket;
-}
-
-TEST(AddressTextTest, ShowsAddresses) {
-  sockaddr_in address{};
-  address.sin_addr.s_addr = htonl(0x0A010203);
-  address.sin_port = htons(2049);
-  EXPECT_EQ(address::str(address), "10.1.2.3:2049");
-  EXPECT_EQ(address::rpcStr(address.sin_addr.s_addr, 2049), "10.1.2.3.8.1");
 }
 
 TEST(PortChoiceTest, PrefersTheConfiguredThenTheRememberedThenAFreePort) {
@@ -76,37 +65,6 @@ TEST(PortChoiceTest, RefusesWhatIsNoPort) {
                   "info Specify NFS port.", "err Incorrect useNFSPort parameter value in config"));
   EXPECT_EQ(failureOf([] { address::getNextFreePort(65536, 0, SOCK_STREAM); }),
             "Exceeded the maximum number of retries");
-}
-
-TEST(LocalAddressTest, TakesTheFirstAliasThatNoInterfaceHolds) {
-  EXPECT_EQ(address::getUnusedLocalAddress(true), kLoopback);
-  const std::string lo = system::hostCommands().loopbackInterface;
-  const std::string first = address::str(address::getUnusedLocalAddress(false));
-  try {
-    system::addAddress(lo, first);
-  } catch (const std::runtime_error& e) {
-    GTEST_SKIP() << "addresses cannot be added here: " << e.what();
-  }
-  EXPECT_NE(address::str(address::getUnusedLocalAddress(false)), first);
-  EXPECT_THROW(system::addAddress(lo, first), std::runtime_error) << "it is there already";
-  RecordedLog log;
-  system::removeAddress(lo, first);
-  system::removeAddress(lo, first);  // a second time fails, and only says so
-  EXPECT_EQ(address::str(address::getUnusedLocalAddress(false)), first);
-  EXPECT_THAT(log.takeLines(), ::testing::Contains(::testing::StartsWith(
-                                   "err Failed to remove address [" + first + "] from interface [" +
-                                   lo + "].: Command failed: [")));
-}
-
-TEST(HostCommandsTest, MakesTheLinesOfEachSystem) {
-  EXPECT_EQ(system::kSolarisCommands.addAddress("lo0", "127.0.0.5"),
-            "/usr/sbin/ifconfig lo0 addif 127.0.0.5 up");
-  EXPECT_EQ(system::kSolarisCommands.removeAddress("lo0", "127.0.0.5"),
-            "/usr/sbin/ifconfig lo0 removeif 127.0.0.5");
-  EXPECT_EQ(system::kLinuxCommands.addAddress("lo", "127.0.0.5"),
-            "ip addr add 127.0.0.5/32 dev lo");
-  EXPECT_EQ(system::kLinuxCommands.removeAddress("lo", "127.0.0.5"),
-            "ip addr del 127.0.0.5/32 dev lo");
 }
 
 TEST(ScopedCleanupTaskTest, LetsNothingOut) {

@@ -35,6 +35,25 @@ struct SetAttributes {
   bool setsModifyTime() const { return modifyTime.how != How::Leave; }
 };
 
+inline MemoryStream& operator<<(MemoryStream& out, const SetAttributes& wanted) {
+  const auto putOptional = [&](const auto& value) {
+    out << value.has_value();
+    if (value) out << *value;
+  };
+  const auto putTime = [&](const SetAttributes::Time& time) {
+    constexpr unsigned kNanoseconds = 999;  // which are dropped
+    out << static_cast<unsigned>(time.how);
+    if (time.how == SetAttributes::How::ClientTime) out << time.seconds << kNanoseconds;
+  };
+  putOptional(wanted.mode);
+  putOptional(wanted.uid);
+  putOptional(wanted.gid);
+  putOptional(wanted.size);
+  putTime(wanted.accessTime);
+  putTime(wanted.modifyTime);
+  return out;
+}
+
 struct WccReply {
   struct {
     std::uint64_t size = 0;
@@ -94,115 +113,65 @@ class Nfs3Client {
 
   Nfs3Reply getAttributes(const NfsHandle& object) {
     Nfs3Reply reply = callNfs(1, object);
-    if (reply.status == 0) take(reply.attributes);
+    if (reply.status == 0) takeBare(reply.attributes);
     return whole(reply);
   }
   // `guard` is a change time; version 3 servers may compare it with the object's.
   Nfs3Reply setAttributes(const NfsHandle& object, const SetAttributes& wanted,
                           std::optional<std::uint32_t> guard = {}) {
     constexpr unsigned kNoNanoseconds = 0;
-    MemoryStream& out = begin(kNfs, 2);
-    out << object;
-    put(out, wanted);
-    out << guard.has_value();
-    if (guard) out << *guard << kNoNanoseconds;
-    return withWcc(finish());
+    return always(guard ? callNfs(2, object, wanted, true, *guard, kNoNanoseconds)
+                        : callNfs(2, object, wanted, false),
+                  &Nfs3Reply::wcc);
   }
   Nfs3Reply lookup(const NfsHandle& dir, const std::string& name) {
-    Nfs3Reply reply = callNfs(3, dir, name);
-    if (reply.status == 0) {
-      m_results >> reply.handle;
-      takePresent(reply.attributes);
-      takePresent(reply.dirAttributes);
-    } else if (hasBody(reply)) {
-      takeFlag(false);
-    }
-    return whole(reply);
+    const Nfs3Reply reply = callNfs(3, dir, name);
+    if (reply.status != 0 && hasBody(reply)) takeFlag(false);
+    return onSuccess(reply, &Nfs3Reply::handle, &Nfs3Reply::attributes, &Nfs3Reply::dirAttributes);
   }
   Nfs3Reply readLink(const NfsHandle& link) {
-    Nfs3Reply reply = callNfs(5, link);
-    if (reply.status == 0) {
-      takePresent(reply.attributes);
-      m_results >> reply.data;
-    }
-    return whole(reply);
+    return onSuccess(callNfs(5, link), &Nfs3Reply::attributes, &Nfs3Reply::data);
   }
   Nfs3Reply read(const NfsHandle& file, std::uint64_t offset, unsigned count) {
-    Nfs3Reply reply = callNfs(6, file, offset, count);
-    if (reply.status == 0) {
-      takePresent(reply.attributes);
-      m_results >> reply.count >> reply.eof >> reply.data;
-    }
-    return whole(reply);
+    return onSuccess(callNfs(6, file, offset, count), &Nfs3Reply::attributes, &Nfs3Reply::count,
+                     &Nfs3Reply::eof, &Nfs3Reply::data);
   }
   Nfs3Reply write(const NfsHandle& file, std::uint64_t offset, const std::string& data,
                   unsigned stable) {
-    Nfs3Reply reply = callNfs(7, file, offset, static_cast<unsigned>(data.size()), stable, data);
-    if (hasBody(reply)) {
-      take(reply.wcc);
-      m_results >> reply.count >> reply.committed >> reply.verifier;
-    }
-    return whole(reply);
+    return always(callNfs(7, file, offset, static_cast<unsigned>(data.size()), stable, data),
+                  &Nfs3Reply::wcc, &Nfs3Reply::count, &Nfs3Reply::committed, &Nfs3Reply::verifier);
   }
   // `how`: 0 UNCHECKED, 1 GUARDED, 2 EXCLUSIVE, which sends no attributes.
   Nfs3Reply create(const NfsHandle& dir, const std::string& name, unsigned how,
                    const SetAttributes& wanted) {
     constexpr unsigned kExclusive = 2;
     constexpr unsigned long kVerifier = 0x0123'4567'89AB'CDEF;
-    MemoryStream& out = begin(kNfs, 8);
-    out << dir << name << how;
-    if (how == kExclusive) {
-      out << kVerifier;
-    } else {
-      put(out, wanted);
-    }
-    return made(finish());
+    return made(how == kExclusive ? callNfs(8, dir, name, how, kVerifier)
+                                  : callNfs(8, dir, name, how, wanted));
   }
   Nfs3Reply makeDirectory(const NfsHandle& dir, const std::string& name,
                           const SetAttributes& wanted) {
-    MemoryStream& out = begin(kNfs, 9);
-    out << dir << name;
-    put(out, wanted);
-    return made(finish());
+    return made(callNfs(9, dir, name, wanted));
   }
   Nfs3Reply makeSymlink(const NfsHandle& dir, const std::string& name, const SetAttributes& wanted,
                         const std::string& target) {
-    MemoryStream& out = begin(kNfs, 10);
-    out << dir << name;
-    put(out, wanted);
-    out << target;
-    return made(finish());
+    return made(callNfs(10, dir, name, wanted, target));
   }
   Nfs3Reply remove(const NfsHandle& dir, const std::string& name) {
-    return withWcc(callNfs(12, dir, name));
+    return always(callNfs(12, dir, name), &Nfs3Reply::wcc);
   }
   Nfs3Reply removeDirectory(const NfsHandle& dir, const std::string& name) {
-    return withWcc(callNfs(13, dir, name));
+    return always(callNfs(13, dir, name), &Nfs3Reply::wcc);
   }
   Nfs3Reply rename(const NfsHandle& from, const std::string& name, const NfsHandle& to,
                    const std::string& newName) {
-    Nfs3Reply reply = callNfs(14, from, name, to, newName);
-    if (hasBody(reply)) {
-      take(reply.wcc);
-      take(reply.toWcc);
-    }
-    return whole(reply);
+    return always(callNfs(14, from, name, to, newName), &Nfs3Reply::wcc, &Nfs3Reply::toWcc);
   }
   Nfs3Reply link(const NfsHandle& file, const NfsHandle& dir, const std::string& name) {
-    Nfs3Reply reply = callNfs(15, file, dir, name);
-    if (hasBody(reply)) {
-      takePresent(reply.attributes);
-      take(reply.wcc);
-    }
-    return whole(reply);
+    return always(callNfs(15, file, dir, name), &Nfs3Reply::attributes, &Nfs3Reply::wcc);
   }
   Nfs3Reply commit(const NfsHandle& file, std::uint64_t offset, unsigned count) {
-    Nfs3Reply reply = callNfs(21, file, offset, count);
-    if (hasBody(reply)) {
-      take(reply.wcc);
-      m_results >> reply.verifier;
-    }
-    return whole(reply);
+    return always(callNfs(21, file, offset, count), &Nfs3Reply::wcc, &Nfs3Reply::verifier);
   }
   // The whole directory in pages of at most `pageSize` bytes, by READDIRPLUS or READDIR.
   Nfs3Listing list(const NfsHandle& dir, unsigned pageSize, bool plus = true) {
@@ -217,7 +186,7 @@ class Nfs3Client {
         whole(reply);
         return listing;
       }
-      takePresent(listing.dirAttributes);
+      take(listing.dirAttributes);
       m_results.skipInput(sizeof kVerifier);
       bool another = false;
       const std::size_t before = listing.entries.size();
@@ -225,7 +194,7 @@ class Nfs3Client {
         Nfs3Entry& entry = listing.entries.emplace_back();
         m_results >> entry.fileId >> entry.name >> cookie;
         if (!plus) continue;
-        takePresent(entry.attributes);
+        take(entry.attributes);
         takeFlag(true);
         m_results >> entry.handle;
       }
@@ -240,26 +209,22 @@ class Nfs3Client {
   static constexpr unsigned kNfs = 100003;
   static constexpr unsigned kStale = 70;
 
-  // A record mark and a call's head, for its arguments to be put behind. Written into streams that
-  // stay: each has areas of its own, which take longer to make than a call.
-  MemoryStream& begin(unsigned program, unsigned procedure) {
+  // Sends the call; its results follow in m_results, behind the status. The streams stay: each has
+  // areas of its own, which take longer to make than a call.
+  template <class... Arguments>
+  Nfs3Reply call(unsigned program, unsigned procedure, const Arguments&... arguments) {
     m_call.clearOutput();
-    for (const unsigned word : {0U, ++m_xid, 0U, 2U, program, 3U, procedure, 0U, 0U, 0U, 0U})
+    for (const unsigned word : {++m_xid, 0U, 2U, program, 3U, procedure, 0U, 0U, 0U, 0U})
       m_call << word;
-    return m_call;
-  }
-  // Sends the call; its results follow in m_results, behind the status.
-  Nfs3Reply finish() {
-    constexpr unsigned kLastFragment = 0x8000'0000, kGarbageArguments = 4;
-    m_call.seekOutput(0, SeekOrigin::Begin);
-    m_call << (kLastFragment | (m_call.getOutputDataSize() - 4));
+    (m_call << ... << arguments);
     const auto bytes = m_call.getOutputBuffer();
-    m_peer.send(Bytes(bytes.begin(), bytes.end()));
+    m_peer.send(record(Bytes(bytes.begin(), bytes.end())));
     const auto reply = m_peer.receiveRecord();
     if (!reply) throw std::runtime_error("no reply");
     m_results.setInputData({reply->data(), reply->size()});
     std::array<unsigned, 6> head{};
     for (unsigned& word : head) m_results >> word;
+    constexpr unsigned kGarbageArguments = 4;
     Nfs3Reply result;
     if (head == std::array{m_xid, 1U, 0U, 0U, 0U, kGarbageArguments}) {
       result.status = kGarbageCall;
@@ -270,11 +235,6 @@ class Nfs3Client {
     }
     if (result.status == kStale) takeFlag(false);
     return result;
-  }
-  template <class... Arguments>
-  Nfs3Reply call(unsigned program, unsigned procedure, const Arguments&... arguments) {
-    (begin(program, procedure) << ... << arguments);
-    return finish();
   }
   template <class... Arguments>
   Nfs3Reply callNfs(unsigned procedure, const Arguments&... arguments) {
@@ -293,35 +253,22 @@ class Nfs3Client {
     }
     return reply;
   }
-  Nfs3Reply withWcc(Nfs3Reply reply) {
-    if (hasBody(reply)) take(reply.wcc);
+  // The reply with these fields, in the order of the wire, where it has a body: one that tells of a
+  // success, or any.
+  template <class... Fields>
+  Nfs3Reply onSuccess(Nfs3Reply reply, Fields Nfs3Reply::*... fields) {
+    if (reply.status == 0) (take(reply.*fields), ...);
+    return whole(std::move(reply));
+  }
+  template <class... Fields>
+  Nfs3Reply always(Nfs3Reply reply, Fields Nfs3Reply::*... fields) {
+    if (hasBody(reply)) (take(reply.*fields), ...);
     return whole(std::move(reply));
   }
   Nfs3Reply made(Nfs3Reply reply) {
-    if (reply.status == 0) {
-      takeFlag(true);
-      m_results >> reply.handle;
-      takePresent(reply.attributes);
-    }
-    return withWcc(std::move(reply));
-  }
-
-  static void put(MemoryStream& out, const SetAttributes& wanted) {
-    const auto putOptional = [&](const auto& value) {
-      out << value.has_value();
-      if (value) out << *value;
-    };
-    const auto putTime = [&](const SetAttributes::Time& time) {
-      constexpr unsigned kNanoseconds = 999;  // which are dropped
-      out << static_cast<unsigned>(time.how);
-      if (time.how == SetAttributes::How::ClientTime) out << time.seconds << kNanoseconds;
-    };
-    putOptional(wanted.mode);
-    putOptional(wanted.uid);
-    putOptional(wanted.gid);
-    putOptional(wanted.size);
-    putTime(wanted.accessTime);
-    putTime(wanted.modifyTime);
+    if (reply.status != 0) return always(std::move(reply), &Nfs3Reply::wcc);
+    takeFlag(true);
+    return always(std::move(reply), &Nfs3Reply::handle, &Nfs3Reply::attributes, &Nfs3Reply::wcc);
   }
 
   void takeFlag(bool wanted) {
@@ -335,7 +282,11 @@ class Nfs3Client {
     if (nanoseconds != 0) throw std::runtime_error("a time with nanoseconds");
     return seconds;
   }
-  void take(nfs3::fattr3& value) {
+  template <class Value>
+  void take(Value& value) {
+    m_results >> value;
+  }
+  void takeBare(nfs3::fattr3& value) {
     unsigned long device = 0;
     m_results >> value.type >> value.mode >> value.linkCount >> value.uid >> value.gid >>
         value.size >> value.used >> device >> value.fileSystemId >> value.fileId;
@@ -343,16 +294,16 @@ class Nfs3Client {
     value.modifyTime = takeTime();
     value.changeTime = takeTime();
   }
-  void takePresent(nfs3::fattr3& value) {
+  void take(nfs3::fattr3& value) {
     takeFlag(true);
-    take(value);
+    takeBare(value);
   }
   void take(WccReply& value) {
     takeFlag(true);
     m_results >> value.before.size;
     value.before.modifyTime = takeTime();
     value.before.changeTime = takeTime();
-    takePresent(value.after);
+    take(value.after);
   }
 
   RpcClient m_peer;

@@ -3,9 +3,11 @@
 #include "nfs4/attributes.h"
 #include "nfs4/nfs4_program.h"
 #include "nfs4/session.h"
+#include "nfs4/state_table.h"
 #include "support/nfs3_fixture.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -34,11 +36,11 @@ constexpr unsigned kAccess = 3, kClose = 4, kCreate = 6, kGetAttr = 9, kGetFh = 
 constexpr unsigned kIo = 5, kExists = 17, kNotDirectory = 20, kIsDirectory = 21, kInvalid = 22,
                    kNoSpace = 28, kReadOnly = 30, kTooLong = 63, kNotEmpty = 66, kBadHandle = 10001,
                    kTooSmall = 10005, kServerFault = 10006, kBadType = 10007, kSame = 10009,
-                   kInUse = 10017, kNoFileHandle = 10020, kStaleClient = 10022, kNotSame = 10027,
-                   kIsLink = 10029, kUnsupported = 10032, kBadXdr = 10036, kBadSession = 10052,
-                   kBadSlot = 10053, kMisordered = 10063, kRequestTooBig = 10065,
-                   kReplyTooBig = 10066, kReplyTooBigToCache = 10067, kTooManyOperations = 10070,
-                   kClientBusy = 10074, kWrongType = 10083;
+                   kInUse = 10017, kNoFileHandle = 10020, kStaleClient = 10022, kResource = 10018,
+                   kNotSame = 10027, kIsLink = 10029, kUnsupported = 10032, kBadXdr = 10036,
+                   kBadSession = 10052, kBadSlot = 10053, kMisordered = 10063,
+                   kRequestTooBig = 10065, kReplyTooBig = 10066, kReplyTooBigToCache = 10067,
+                   kTooManyOperations = 10070, kClientBusy = 10074, kWrongType = 10083;
 
 // Words that are encoded already.
 struct Raw {
@@ -90,8 +92,9 @@ struct Compound {
   Compound& put(const NfsHandle& handle) { return add(op::kPutFh, handle); }
   Compound& lookup(const std::string& name) { return add(op::kLookup, name); }
   Compound& getAttr(const Bitmap& bitmap) { return add(op::kGetAttr, bitmap); }
-  Compound& open(const Raw& how, const Raw& claim, const std::string& owner = "owner") {
-    return add(op::kOpen, 0U, 1U, 0U, std::uint64_t{0}, owner, how, claim);
+  Compound& open(const Raw& how, const Raw& claim, const std::string& owner = "owner",
+                 std::uint64_t client = 0) {
+    return add(op::kOpen, 0U, 1U, 0U, client, owner, how, claim);
   }
   Compound& close() { return add(op::kClose, 0U, kNoState); }
   Compound& read(std::uint64_t offset = 0, unsigned length = 1000) {
@@ -177,6 +180,17 @@ inline void skipResult(MemoryStream& in, unsigned operation) {
       skipOpaque();
       skipOpaque();
       return skip(4);
+    case 20:  // OPEN_CONFIRM
+    case 21:  // OPEN_DOWNGRADE
+      return skip(16);
+    case 5:   // COMMIT
+    case 33:  // SECINFO
+    case 52:  // SECINFO_NO_NAME
+      return skip(8);
+    case 41:  // BIND_CONN_TO_SESSION
+      return skip(24);
+    case 55:  // TEST_STATEID
+      return skip(4 * in.readCount(4));
     case op::kCreateSession:
       return skip(16 + 4 + 4 + 28 + 28);
     default:
@@ -206,7 +220,8 @@ class Nfs4Test : public Nfs3Test {
     session.getSavedFileSystemObject() = {};
   }
   void TearDown() override {
-    for (std::uint32_t number = 1; number < 5; ++number) service.releaseObjects(number);
+    const auto now = std::chrono::steady_clock::now();
+    for (std::uint32_t number = 1; number < 5; ++number) service.releaseObjects(number, now);
   }
 
   void serve(bool writable = false) {
@@ -273,6 +288,12 @@ class Nfs4Test : public Nfs3Test {
   std::uint64_t exchangeId(std::uint64_t verifier, const std::string& owner) const {
     const Answer answer =
         send4(1, Compound().add(op::kExchangeId, exchangeArguments(verifier, owner, 0)));
+    EXPECT_EQ(answer.status, kOk);
+    return numberAt(answer, 0);
+  }
+  std::uint64_t setClientId(const std::string& owner) const {
+    const Answer answer =
+        send4(0, Compound().add(op::kSetClientId, std::uint64_t{7}, owner, 1U, ""s, ""s, 2U));
     EXPECT_EQ(answer.status, kOk);
     return numberAt(answer, 0);
   }
