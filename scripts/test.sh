@@ -98,7 +98,7 @@ step "build release with g++" build release
 step "build all with clang++" build clang && step "tests with clang++" unit_tests clang
 step "build asan" build asan && step "tests and corpora under asan" unit_tests asan
 step "build tsan" build tsan && step "tests under tsan" unit_tests tsan
-step "fuzz targets for 15 s each" scripts/fuzz.sh 15
+step "fuzz targets for 15 s each" scripts/fuzz.sh -p asan 15
 if [ -x build/release/bin/nfslib ] && [ -x build/clang/bin/libnfs_compare ]; then
   step "end to end" tests/e2e/run.sh
   step "end to end in the classic profile" classic

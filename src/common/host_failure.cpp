@@ -80,18 +80,31 @@ std::optional<OperationResult> promisedStatus(std::string_view why) {
   return std::nullopt;
 }
 
-}  // namespace
-
-OperationResult statusOfFailure(const std::exception& failure) {
-  if (const auto status = knownStatus(failure)) return *status;
-  if (const auto status = promisedStatus(failure.what())) return *status;
+// What the failure tells, or the first of its causes that tells anything.
+template <class Tell>
+std::optional<OperationResult> firstTold(const std::exception& failure, const Tell& tell) {
+  if (const auto status = tell(failure)) return status;
   try {
     std::rethrow_if_nested(failure);
   } catch (const std::exception& cause) {
-    return statusOfFailure(cause);
+    return firstTold(cause, tell);
   } catch (...) {  // NOLINT(bugprone-empty-catch): it says nothing that we could tell a client
   }
-  return OperationResult::HardwareIoError;
+  return std::nullopt;
+}
+
+}  // namespace
+
+OperationResult statusOfFailure(const std::exception& failure) {
+  const auto tell = [](const std::exception& cause) {
+    const auto status = knownStatus(cause);
+    return status ? status : promisedStatus(cause.what());
+  };
+  return firstTold(failure, tell).value_or(OperationResult::HardwareIoError);
+}
+
+std::optional<OperationResult> toldStatus(const std::exception& failure) {
+  return firstTold(failure, knownStatus);
 }
 
 }  // namespace nfslib

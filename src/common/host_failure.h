@@ -6,6 +6,7 @@
 #include "common/status.h"
 
 #include <exception>
+#include <optional>
 #include <stdexcept>
 #include <string_view>
 
@@ -29,6 +30,9 @@ class UndecodableArguments : public std::runtime_error {
 // ones included; then the words that the host classes promise ("already exists", "not empty");
 // HardwareIoError for anything else.
 nfs::OperationResult statusOfFailure(const std::exception& failure);
+// The same by what was thrown alone, without the words, which may be those of a name; nothing when
+// that does not tell.
+std::optional<nfs::OperationResult> toldStatus(const std::exception& failure);
 
 // Runs `call`, which changes the host's tree, and gives the status of its reply: a host that is out
 // of space means NoSpaceLeftOnDevice in every operation, whatever else it throws passes out.

@@ -32,6 +32,14 @@ struct Profile {
 
   // ---- Version 4
 
+  // The longest name, in bytes.
+  std::uint32_t longestName = 256;
+  // The host's reason decides what is answered for an object that cannot be reached.
+  bool tellsHostFailures = false;
+  // What cannot be set is found out before anything is made.
+  bool checksBeforeMaking = false;
+  // OPEN refuses to reclaim what this start of the server never gave.
+  bool refusesReclaims = false;
   // The longest request and reply of a session.
   std::uint32_t maxMessage = 0;
   // What a COMPOUND leaves as current and saved object is there for the next one.

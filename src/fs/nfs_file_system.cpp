@@ -1,5 +1,6 @@
 #include "fs/nfs_file_system.h"
 
+#include "common/clock.h"
 #include "common/host_failure.h"
 #include "common/log.h"
 #include "fs/cache_triggers.h"
@@ -128,6 +129,20 @@ bool NfsFileSystem::pathExists(const NfsPath& path) {
   return path.isRootPath() || findMetaData(path).has_value();
 }
 
+nfs::OperationResult NfsFileSystem::statusOfAbsence(const NfsPath& path,
+                                                    const std::exception& failure) {
+  using nfs::OperationResult;
+  const OperationResult status = toldStatus(failure).value_or(OperationResult::HardwareIoError);
+  if (status != OperationResult::NoEntry && status != OperationResult::HardwareIoError) {
+    return status;
+  }
+  const NfsPath dir = path.getParentPath();
+  getMetaData(dir);
+  if (status == OperationResult::NoEntry) return status;
+  const bool isThere = openDirectory(dir)->TryGetEntryByName(path.getFileName()).has_value();
+  return isThere ? status : OperationResult::NoEntry;
+}
+
 void NfsFileSystem::setMetaData(const NfsPath& path, const MetaData& md) {
   if (path.isRootPath()) {
     openDirectory(path)->SetMetaData(md);
@@ -163,6 +178,17 @@ std::uint64_t NfsFileSystem::changeOf(const MetaData& md) const {
 
 MetaData NfsFileSystem::shownAfterChange(const NfsPath& path, const MetaData& wanted) {
   return m_profile.countsChanges ? readMetaData(path) : wanted;
+}
+
+MetaData NfsFileSystem::shownAfterResize(const NfsPath& path, const MetaData& wanted,
+                                         std::uint32_t modifiedBefore) {
+  if (!m_profile.countsChanges) return wanted;
+  MetaData md = readMetaData(path);
+  const std::uint32_t now = utility::currentSeconds();
+  if (md.modifyTime != modifiedBefore || md.modifyTime == now) return md;
+  md.modifyTime = now;
+  setMetaData(path, md);
+  return readMetaData(path);
 }
 
 std::optional<FileSystemStatistics> NfsFileSystem::statistics() const {

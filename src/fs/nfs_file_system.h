@@ -8,6 +8,7 @@
 
 #include "common/nfs_handle.h"
 #include "common/profile.h"
+#include "common/status.h"
 #include "fs/directory_listings.h"
 #include "fs/directory_positions.h"
 #include "fs/handle_map.h"
@@ -16,6 +17,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -65,6 +67,10 @@ class NfsFileSystem {
   // takes whatever differs from its own attributes for a change.
   MetaData readMetaData(const NfsPath& path);
   bool pathExists(const NfsPath& path);
+  // What to tell of an entry whose attributes could not be had because of `failure`. Whether its
+  // directory is still there decides first, and throws if not; then a host that gives no cause is
+  // asked whether there is such an entry.
+  nfs::OperationResult statusOfAbsence(const NfsPath& path, const std::exception& failure);
   // Sets what differs, and keeps `md` as the attributes of `path` until somebody asks for those
   // that the host has now.
   void setMetaData(const NfsPath& path, const MetaData& md);
@@ -85,6 +91,10 @@ class NfsFileSystem {
   // What a reply tells of an object that a call has just given the attributes `wanted`: those, or
   // in a profile whose replies have to agree with each other what the host has.
   MetaData shownAfterChange(const NfsPath& path, const MetaData& wanted);
+  // The same for a file whose size was set, and that was modified at `modifiedBefore` last. There
+  // the modification time moves even when it is the old size, which hosts do not take for a change.
+  MetaData shownAfterResize(const NfsPath& path, const MetaData& wanted,
+                            std::uint32_t modifiedBefore);
 
   // Nothing when the host has none, or clients are not to be told.
   std::optional<FileSystemStatistics> statistics() const;

@@ -32,21 +32,6 @@ void throwIfStale(const NfsHandle& handle, const NfsService& service) {
   if (service.isStaleHandle(handle)) throw NfsOperationError(OperationResult::InvalidFileHandle);
 }
 
-// What to tell of an entry whose attributes cannot be had. Whether the directory is still there
-// decides first; then a host that gives no cause is asked whether there is such an entry.
-OperationResult statusOfAbsence(NfsFileSystem& view, const NfsPath& path,
-                                const std::exception& failure) {
-  const OperationResult status = statusOfFailure(failure);
-  if (status != OperationResult::NoEntry && status != OperationResult::HardwareIoError) {
-    return status;
-  }
-  const NfsPath dir = path.getParentPath();
-  view.getMetaData(dir);
-  if (status == OperationResult::NoEntry) return status;
-  const bool isThere = view.openDirectory(dir)->TryGetEntryByName(path.getFileName()).has_value();
-  return isThere ? status : OperationResult::NoEntry;
-}
-
 }  // namespace
 
 NfsHandle readHandle(MemoryStream& stream, const NfsService& service) {
@@ -101,7 +86,7 @@ MetaData entryMetaData(NfsFileSystem& view, const NfsPath& path) {
   try {
     return view.lookUpMetaData(path);
   } catch (const std::exception& e) {
-    throw NfsOperationError(statusOfAbsence(view, path, e));
+    throw NfsOperationError(view.statusOfAbsence(path, e));
   }
 }
 

@@ -87,6 +87,8 @@ struct SetAttributes3 {
 
   // Throws std::runtime_error when the server's time is wanted and does not fit.
   void applyTo(MetaData& md) const;
+  // Whether the size is set, and the modification time is not.
+  bool resizesAlone() const { return size && modifyTime.how == TimeHow::DontChange; }
 };
 
 // A time_how that does not exist marks the stream failed.

@@ -1,6 +1,5 @@
 #include "nfs3/changing.h"
 
-#include "common/clock.h"
 #include "common/host_failure.h"
 #include "common/xdr_records.h"
 #include "fs/entry_name.h"
@@ -53,18 +52,6 @@ void create(MemoryStream& stream, const Changing& dir, const std::string& name,
 
 std::optional<Owner> ownerIn(const Changing& dir, const rpc::AuthOpaque& caller) {
   return nfslib::utility::ownerOfNew(dir.profile(), dir.before().mode, dir.before().gid, caller);
-}
-
-MetaData settledMetaData(NfsFileSystem& view, const NfsPath& path, const SetAttributes3& wanted,
-                         std::uint32_t modifiedBefore) {
-  MetaData md = view.readMetaData(path);
-  const bool movesTime =
-      wanted.size.has_value() && wanted.modifyTime.how == SetAttributes3::TimeHow::DontChange;
-  const std::uint32_t now = nfslib::utility::currentSeconds();
-  if (!movesTime || md.modifyTime != modifiedBefore || md.modifyTime == now) return md;
-  md.modifyTime = now;
-  view.setMetaData(path, md);
-  return view.readMetaData(path);
 }
 
 }  // namespace nfslib::nfs3::procedures::utility

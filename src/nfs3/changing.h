@@ -88,10 +88,4 @@ MetaData withAttributes(Object& object, const SetAttributes3& wanted,
   return owner ? object.GetMetaData() : md;
 }
 
-// The attributes of now, behind a change by `wanted` of an object that was modified before that at
-// `modifiedBefore`. A size that is set moves
-// the modification time even when it is the old size, which hosts do not take for a change.
-MetaData settledMetaData(NfsFileSystem& view, const NfsPath& path, const SetAttributes3& wanted,
-                         std::uint32_t modifiedBefore);
-
 }  // namespace nfslib::nfs3::procedures::utility

@@ -15,11 +15,14 @@ Bitmap applyAttributes(const Call& call, const Nfs4SetAttributes& values) {
   // From the host: attributes that were kept for a while might be older than what others have
   // written, and setting them would undo it.
   MetaData md = view.readMetaData(object.path);
+  const std::uint32_t modifiedBefore = md.modifyTime;
   Bitmap applied = setAttributes(values, md, attributeTable(call));
   view.setMetaData(object.path, md);
   // The change moved times as well; whoever asks next gets those.
   view.dropMetaData(object.path);
-  object.metaData = view.shownAfterChange(object.path, md);
+  object.metaData = values.size && !values.timeModify
+                        ? view.shownAfterResize(object.path, md, modifiedBefore)
+                        : view.shownAfterChange(object.path, md);
   return applied;
 }
 

@@ -1,14 +1,12 @@
 #pragma once
 
-#include "common/status.h"
+#include "nfs4/call.h"
 
 #include <cstddef>
 #include <string>
 #include <string_view>
 
 namespace nfslib::nfs4 {
-
-constexpr std::size_t kLongestName = 256;  // bytes
 
 // Whether the name leads one level down and nowhere else: no name leads out of an export.
 inline bool isOneComponent(std::string_view name) {
@@ -19,9 +17,9 @@ inline bool isOneComponent(std::string_view name) {
 // NFS4_OPAQUE_LIMIT, RFC 7530 section 2.1: the longest name that an owner gives itself.
 constexpr std::size_t kLongestOwner = 1024;  // bytes
 
-inline nfs::OperationResult statusIfTooLong(const std::string& name) {
-  return name.size() > kLongestName ? nfs::OperationResult::FileNameIsTooLong
-                                    : nfs::OperationResult::OK;
+inline nfs::OperationResult statusIfTooLong(const Call& call, const std::string& name) {
+  return name.size() > call.service.profile().longestName ? nfs::OperationResult::FileNameIsTooLong
+                                                          : nfs::OperationResult::OK;
 }
 
 }  // namespace nfslib::nfs4

@@ -1,5 +1,6 @@
 #include "nfs4/session.h"
 
+#include "common/host_failure.h"
 #include "common/log.h"
 #include "nfs4/pseudo_root.h"
 #include "server/nfs_service.h"
@@ -22,6 +23,22 @@ constexpr std::size_t kMaxOpenFiles = 65'536;
 constexpr std::size_t kMaxOwners = 1024;  // of one open file
 constexpr std::size_t kMaxExclusive = 256;
 
+// The handle alone told what was meant: an object that the host does not find is gone.
+std::optional<OperationResult> statusByHandle(const std::exception& failure) {
+  const auto status = toldStatus(failure);
+  return status == OperationResult::NoEntry ? OperationResult::InvalidFileHandle : status;
+}
+
+std::optional<OperationResult> statusByName(NfsFileSystem* view, const NfsPath& path,
+                                            const std::exception& failure) {
+  if (view == nullptr || path.isRootPath()) return std::nullopt;
+  try {
+    return view->statusOfAbsence(path, failure);
+  } catch (const std::exception& e) {
+    return statusByHandle(e);  // of the directory
+  }
+}
+
 }  // namespace
 
 const std::shared_ptr<Nfs4Session>& Nfs4Session::getDefaultSession() {
@@ -41,18 +58,26 @@ bool Nfs4Session::setCurrent(const NfsHandle& handle, std::shared_ptr<NfsFileSys
   m_current.path = std::move(path);
   m_current.metaData = std::move(metaData);
   m_current.placesSeen = m_current.fileSystem ? m_current.fileSystem->placeChanges() : 0;
+  m_current.stateSequenceId = 0;
+  m_current.stateOther = {};
   findOpenState();
   return true;
 }
 
-template <class Set>
-bool Nfs4Session::orFalse(const Set& set) {
+template <class Set, class StatusOf>
+bool Nfs4Session::orFalse(const Set& set, const StatusOf& statusOf) {
+  m_refusal.reset();
   try {
     return set();
   } catch (const std::exception& e) {
     log().warn("Unable to set filesystem object: [%1]", e.what());
+    if (m_tellsHostFailures) m_refusal = statusOf(e);
     return false;
   }
+}
+
+OperationResult Nfs4Session::refusalOr(OperationResult usual) const {
+  return m_refusal.value_or(usual);
 }
 
 bool Nfs4Session::setCurrentFileSystemObject(const NfsService& service) {
@@ -61,27 +86,29 @@ bool Nfs4Session::setCurrentFileSystemObject(const NfsService& service) {
 }
 
 bool Nfs4Session::setCurrentFileSystemObject(const NfsService& service, const NfsHandle& handle) {
-  return orFalse([&] {
-    if (handle.objectId == 0) {
-      setCurrentFileSystemObject(service);
-      m_current.handle = handle;
-      return true;
-    }
-    if (service.isStaleHandle(handle)) return false;
-    auto view = service.getFileSystem(handle).second;
-    auto path = view->findPath(handle);
-    if (!path) return false;
-    MetaData md = view->getMetaData(*path);
-    return setCurrent(handle, std::move(view), *std::move(path), std::move(md));
-  });
+  return orFalse(
+      [&] {
+        if (handle.objectId == 0) {
+          setCurrentFileSystemObject(service);
+          m_current.handle = handle;
+          return true;
+        }
+        if (service.isStaleHandle(handle)) return false;
+        auto view = service.getFileSystem(handle).second;
+        auto path = view->findPath(handle);
+        if (!path) return false;
+        MetaData md = view->getMetaData(*path);
+        return setCurrent(handle, std::move(view), *std::move(path), std::move(md));
+      },
+      statusByHandle);
 }
 
 bool Nfs4Session::setCurrentFileSystemObject(const NfsService& service, const std::string& name) {
   if (!m_current.isSet()) return false;
-  return orFalse([&] {
+  std::shared_ptr<NfsFileSystem> view = m_current.fileSystem;
+  NfsPath path("/");
+  const auto find = [&] {
     NfsHandle base = m_current.handle;
-    std::shared_ptr<NfsFileSystem> view = m_current.fileSystem;
-    NfsPath path("/");
     if (m_current.isPseudoRoot()) {
       const auto [number, exported] = service.getFileSystem(NfsPath(name));
       base = {service.getGeneration(), number, 0};
@@ -91,19 +118,23 @@ bool Nfs4Session::setCurrentFileSystemObject(const NfsService& service, const st
     }
     MetaData md = view->getMetaData(path);
     const NfsHandle handle = view->getHandle(base, path, md);
-    return setCurrent(handle, std::move(view), std::move(path), std::move(md));
-  });
+    return setCurrent(handle, view, path, std::move(md));
+  };
+  return orFalse(
+      find, [&](const std::exception& failure) { return statusByName(view.get(), path, failure); });
 }
 
 bool Nfs4Session::setParentAsCurrentFileSystemObject() {
   if (!m_current.isSet() || m_current.isPseudoRoot()) return false;
-  return orFalse([&] {
-    const std::shared_ptr<NfsFileSystem> view = m_current.fileSystem;
-    NfsPath path = m_current.path.getParentPath();
-    MetaData md = view->getMetaData(path);
-    const NfsHandle handle = view->getHandle(m_current.handle, path, md);
-    return setCurrent(handle, view, std::move(path), std::move(md));
-  });
+  return orFalse(
+      [&] {
+        const std::shared_ptr<NfsFileSystem> view = m_current.fileSystem;
+        NfsPath path = m_current.path.getParentPath();
+        MetaData md = view->getMetaData(path);
+        const NfsHandle handle = view->getHandle(m_current.handle, path, md);
+        return setCurrent(handle, view, std::move(path), std::move(md));
+      },
+      statusByHandle);
 }
 
 bool Nfs4Session::restoreSavedFileSystemObject(const NfsService& service) {
@@ -151,6 +182,7 @@ Nfs4Session::Lock Nfs4Session::take(const Profile& profile) {
   enter(std::nullopt);
   Lock taken(this);
   releaseWithdrawn();
+  m_tellsHostFailures = profile.tellsHostFailures;
   if (profile.keepsObjects) {
     followMoves();
   } else {
@@ -188,8 +220,6 @@ void Nfs4Session::releaseWithdrawn() {
 
 void Nfs4Session::findOpenState() {
   m_current.openFile.reset();
-  m_current.stateSequenceId = 0;
-  m_current.stateOther = {};
   const auto at = m_openFiles.find(keyOf(m_current.handle));
   if (at == m_openFiles.end() || m_current.isPseudoRoot()) return;
   OpenFile& known = at->second;

@@ -91,6 +91,9 @@ class Nfs4Session {
   bool setParentAsCurrentFileSystemObject();
   void saveCurrentFileSystemObject() { m_saved = m_current; }
   bool restoreSavedFileSystemObject(const NfsService& service);
+  // Why the last of these found no object: what the host gave as its reason where the profile tells
+  // that, else `usual`.
+  nfs::OperationResult refusalOr(nfs::OperationResult usual) const;
   // Lets go of the objects of an export that was withdrawn; when a COMPOUND does not end in time,
   // as soon as the session is taken again. Not to be called by who has taken it.
   void releaseObjects(std::uint32_t fileSystemId, std::chrono::steady_clock::time_point deadline);
@@ -148,8 +151,8 @@ class Nfs4Session {
   bool enter(std::optional<std::chrono::steady_clock::time_point> deadline);
   void releaseWithdrawn();
   void followMoves();
-  template <class Set>
-  static bool orFalse(const Set& set);
+  template <class Set, class StatusOf>
+  bool orFalse(const Set& set, const StatusOf& statusOf);
 
   const sessionid m_id;
   const std::uint64_t m_clientId;
@@ -162,6 +165,8 @@ class Nfs4Session {
 
   // What follows is of whoever has taken the session, which comes before every lock but the request
   // lock.
+  bool m_tellsHostFailures = false;
+  std::optional<nfs::OperationResult> m_refusal;
   FileSystemObject m_current;
   FileSystemObject m_saved;
   std::map<FileKey, OpenFile> m_openFiles;

@@ -74,6 +74,31 @@ for value in first changed again; do
 done
 umount $work/third || fail "umount"
 
+step "a build by cmake"
+mkdir $mount/project
+cat >$mount/project/CMakeLists.txt <<'CMAKE'
+cmake_minimum_required(VERSION 3.16)
+project(sum C)
+add_library(parts STATIC one.c two.c)
+add_executable(sum sum.c)
+target_link_libraries(sum parts)
+CMAKE
+echo 'int one(void) { return 1; }' >$mount/project/one.c
+echo 'int two(void) { return 2; }' >$mount/project/two.c
+echo 'int one(void); int two(void); int main(void) { return one() + two() - VALUE; }' >$mount/project/sum.c
+build() { cmake --build $mount/project/build >$work/said 2>&1 || fail "cmake --build: $(tail -n 5 $work/said)"; }
+cmake -G Ninja -S $mount/project -B $mount/project/build -DCMAKE_C_FLAGS=-DVALUE=3 >$work/said 2>&1 ||
+  fail "cmake: $(tail -n 5 $work/said)"
+build
+$mount/project/build/sum || fail "what was built is wrong"
+# Nothing is due, until a source has changed.
+build
+is "a second build" "ninja: no work to do." "$(tail -n 1 $work/said)"
+echo 'int two(void) { return 4; }' >$mount/project/two.c
+build
+if $mount/project/build/sum; then fail "a changed source was not compiled"; fi
+rm -r $mount/project
+
 step "rm -r of 20,000 files"
 rm -r $mount/many || fail "rm -r"
 [ ! -e $tree/many ] || fail "rm -r left $(ls $tree/many | wc -l) files"

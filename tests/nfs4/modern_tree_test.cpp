@@ -11,7 +11,8 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-constexpr unsigned kBadOwner = 10039;
+constexpr unsigned kDenied = 13, kNotSupported = 10004, kBadStateId = 10025, kNoGrace = 10033,
+                   kBadOwner = 10039;
 const Bitmap kChange{1U << 3U};
 
 Bitmap bit(unsigned number) {
@@ -210,6 +211,64 @@ TEST_P(ModernTree4Test, ListingsGoOnWhereTheyWere) {
   EXPECT_EQ(list(2, 4000).body().substr(27, 8), wire(1U << 8U));  // a listing of its own
   EXPECT_EQ(list(0, one - 28).status, kTooSmall);
   EXPECT_EQ(list(0, one - 28).results.back().bytes.size(), 0U);
+}
+
+TEST_P(ModernTree4Test, WhatIsRefusedLeavesNothingBehind) {
+  serve(true);
+  const auto make = [&](const std::string& name, const Raw& values) {
+    return status(at("/d").add(op::kCreate, 2U, name, values));
+  };
+  EXPECT_EQ(make("n", fattr4(bit(36), "no such user"s)), kBadOwner);
+  EXPECT_EQ(make("n", fattr4(bit(35), 1U)), kUnsupported);
+  EXPECT_EQ(make(std::string(256, 'n'), kNoAttributes), kTooLong);
+  EXPECT_EQ(make(std::string(255, 'n'), kNoAttributes), kOk);
+  EXPECT_EQ(parentOf("/d/n")->TryGetEntryByName("n"), std::nullopt);
+
+  // What a claim to reclaim is about was never given.
+  const std::uint64_t client = minorVersion == 0 ? setClientId("client") : 0;
+  const auto claim = [&](const std::string& path, const Raw& what) {
+    return status(at(path).open(kNoCreate, what, "owner", client));
+  };
+  EXPECT_EQ(claim("/d/f", raw(1U, 0U)), kNoGrace);
+  EXPECT_EQ(claim("/d", raw(2U, kNoState, "f"s)), kBadStateId);
+  EXPECT_EQ(claim("/d", raw(3U, "f"s)), kNotSupported);
+  EXPECT_EQ(claim("/d/f", raw(5U, kNoState)), kBadStateId);
+  EXPECT_EQ(claim("/d/f", raw(6U)), kNotSupported);
+}
+
+TEST_P(ModernTree4Test, TheHostsReasonDecides) {
+  serve(true);
+  const auto f = handleOf("/d/f");
+  int error = EIO;
+  host.onCall = [&](std::string_view operation) {
+    if (operation == "GetEntryByName") throw SystemNfsException(error, "not empty, already exists");
+  };
+  const auto look = [&](const Compound& compound) {
+    service.getFileSystem(f).second->dropMetaData(NfsPath("/d/f"));
+    return status(compound);
+  };
+  const Compound byName = Compound().put(handleOf("/d")).lookup("f");
+  for (const auto& [cause, named, held] :
+       {std::tuple{EIO, kIo, kIo}, {EACCES, kDenied, kDenied}, {ENOENT, kNoEntry, kStale}}) {
+    error = cause;
+    EXPECT_EQ(look(byName), named);
+    EXPECT_EQ(look(Compound().put(f)), held);
+  }
+}
+
+TEST_P(ModernTree4Test, ASizeThatIsSetMovesTheTimesEvenWhenItIsTheOldOne) {
+  serve(true);
+  for (const std::uint64_t size : {7U, 3U}) {
+    MetaData md = attributes("/d/f");
+    md.modifyTime = 1000;
+    parentOf("/d/f")->OpenFile("f")->SetMetaData(md);
+    EXPECT_EQ(status(at("/d/f").add(op::kSetAttr, kNoState, fattr4(kSize, size))), kOk);
+    EXPECT_GT(attributes("/d/f").modifyTime, 1000U) << size;
+  }
+  // Unless the client says which they are.
+  const Raw both = fattr4({1U << 4U, 1U << 22U}, std::uint64_t{3}, 1U, std::uint64_t{2000}, 0U);
+  EXPECT_EQ(status(at("/d/f").add(op::kSetAttr, kNoState, both)), kOk);
+  EXPECT_EQ(attributes("/d/f").modifyTime, 2000U);
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ MetaData takeExisting(const utility::Changing& dir, const DirEntry& entry, Creat
   MetaData changed = md;
   resized.applyTo(changed);
   dir.view().setMetaData(path, changed);
-  return utility::settledMetaData(dir.view(), path, resized, md.modifyTime);
+  return dir.view().shownAfterResize(path, changed, md.modifyTime);
 }
 
 }  // namespace

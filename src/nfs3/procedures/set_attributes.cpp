@@ -51,7 +51,8 @@ void CSetAttributes::execute(MemoryStream& stream, NfsService& service) {
       statusOfHostCall(profile, [&, &changed = view, &at = path] { changed->setMetaData(at, md); });
   // The change moved times as well; whoever asks next gets those.
   view->dropMetaData(path);
-  if (profile.isModern) md = utility::settledMetaData(*view, path, wanted, before.modifyTime);
+  md = wanted.resizesAlone() ? view->shownAfterResize(path, md, before.modifyTime)
+                             : view->shownAfterChange(path, md);
 
   stream << status << WccData{PreOpAttr(before), {utility::getAttributes(*view, handle, md)}};
 }

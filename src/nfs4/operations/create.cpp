@@ -18,6 +18,8 @@ struct Arguments {
   CharDevSpec device;
   std::string name;
   Bitmap attributes;
+  Nfs4SetAttributes values;
+  OperationResult statusOfValues = OperationResult::OK;
 };
 
 Arguments readArguments(Call& call) {
@@ -30,16 +32,20 @@ Arguments readArguments(Call& call) {
     call.stream >> args.device;
   }
   call.stream >> args.name >> args.attributes;
+  args.values = readWritableAttributes(call.stream, args.attributes, args.statusOfValues,
+                                       attributeTable(call));
   checkDecoded(call);
   return args;
 }
 
 OperationResult statusOf(const Call& call, const Arguments& args) {
   OperationResult status = statusUnlessDirectory(call.current());
-  if (status == OperationResult::OK) status = statusIfTooLong(args.name);
+  if (status == OperationResult::OK) status = statusIfTooLong(call, args.name);
   if (status == OperationResult::OK) status = statusUnlessChangeable(call.current());
   const bool canBeMade = args.type == FileType::Directory || args.type == FileType::SymbolicLink;
-  return status == OperationResult::OK && !canBeMade ? OperationResult::BadType : status;
+  if (status == OperationResult::OK && !canBeMade) status = OperationResult::BadType;
+  const bool checksFirst = call.service.profile().checksBeforeMaking;
+  return status == OperationResult::OK && checksFirst ? args.statusOfValues : status;
 }
 
 void create(const Call& call, const Arguments& args) {
@@ -79,17 +85,15 @@ OperationResult CCreate::execute(Call& call) {
         call.service.profile(), [&] { create(call, args); }, tell);
   if (status == OperationResult::OK &&
       !call.session().setCurrentFileSystemObject(call.service, args.name)) {
-    status = OperationResult::NoEntry;
+    status = call.session().refusalOr(OperationResult::NoEntry);
   }
   Bitmap applied;
   if (status == OperationResult::OK) {
-    const Nfs4SetAttributes values =
-        readWritableAttributes(call.stream, args.attributes, status, attributeTable(call));
-    checkDecoded(call);
     giveToCaller(call, parent);
+    status = args.statusOfValues;
     if (status == OperationResult::OK) {
       status = statusOfHostCall(
-          call.service.profile(), [&] { applied = applyAttributes(call, values); }, tell);
+          call.service.profile(), [&] { applied = applyAttributes(call, args.values); }, tell);
     }
   }
   return respond(call, 6, status, [&] { call.stream << directory.info() << applied; });

@@ -13,7 +13,7 @@ namespace {
 
 OperationResult statusOf(const Call& call, const std::string& name) {
   OperationResult status = statusUnlessDirectory(call.current());
-  if (status == OperationResult::OK) status = statusIfTooLong(name);
+  if (status == OperationResult::OK) status = statusIfTooLong(call, name);
   if (status == OperationResult::OK) status = statusUnlessSet(call.saved());
   if (status == OperationResult::OK) status = statusUnlessChangeable(call.current());
   if (status != OperationResult::OK) return status;

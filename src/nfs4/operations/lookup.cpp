@@ -17,9 +17,11 @@ OperationResult CLookup::execute(Call& call) {
   OperationResult status = isType(object.metaData, FileType::SymbolicLink) && object.isSet()
                                ? OperationResult::SymbolicLink
                                : statusUnlessDirectory(object);
-  if (status == OperationResult::OK &&
-      !(isOneComponent(name) && call.session().setCurrentFileSystemObject(call.service, name))) {
+  if (status == OperationResult::OK && !isOneComponent(name)) {
     status = OperationResult::NoEntry;
+  } else if (status == OperationResult::OK &&
+             !call.session().setCurrentFileSystemObject(call.service, name)) {
+    status = call.session().refusalOr(OperationResult::NoEntry);
   }
   return respond(call, 15, status);
 }

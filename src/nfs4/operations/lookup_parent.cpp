@@ -8,7 +8,7 @@ OperationResult CLookupParent::execute(Call& call) {
   log().dbg("Lookup parent for path [%1]", call.current().path);
   OperationResult status = statusUnlessDirectory(call.current());
   if (status == OperationResult::OK && !call.session().setParentAsCurrentFileSystemObject()) {
-    status = OperationResult::NoEntry;
+    status = call.session().refusalOr(OperationResult::NoEntry);
   }
   return respondAlways(call, 16, status);
 }

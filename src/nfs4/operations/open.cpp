@@ -122,7 +122,26 @@ OperationResult statusOfName(const Call& call, const std::string& name) {
   OperationResult status = statusUnlessDirectory(call.current());
   if (status == OperationResult::OK) status = statusUnlessChangeable(call.current());
   if (status == OperationResult::OK && name.empty()) status = OperationResult::InvalidArgument;
-  return status == OperationResult::OK ? statusIfTooLong(name) : status;
+  return status == OperationResult::OK ? statusIfTooLong(call, name) : status;
+}
+
+// There are no delegations, and no handle outlives the server's end: what a claim other than the
+// first and CLAIM_FH is about was never given.
+OperationResult statusOfClaim(Claim claim) {
+  switch (claim) {
+    case Claim::CLAIM_NULL:
+    case Claim::CLAIM_FH:
+      return OperationResult::OK;
+    case Claim::CLAIM_PREVIOUS:
+      return OperationResult::NoGrace;
+    case Claim::CLAIM_DELEGATE_CUR:
+    case Claim::CLAIM_DELEG_CUR_FH:
+      return OperationResult::BadStateId;
+    case Claim::CLAIM_DELEGATE_PREV:
+    case Claim::CLAIM_DELEG_PREV_FH:
+      return OperationResult::NotSupported;
+  }
+  return OperationResult::BadXdr;  // such arguments do not get here
 }
 
 // What the current object is now is opened.
@@ -151,9 +170,12 @@ void openByName(Call& call, Arguments& args, OperationResult& status, ChangeInfo
   status = statusOfName(call, args.name);
   if (status != OperationResult::OK) return;
   const auto directory = call.current();
-  if (!isOneComponent(args.name) ||
-      !call.session().setCurrentFileSystemObject(call.service, args.name)) {
+  if (!isOneComponent(args.name)) {
     status = OperationResult::NoEntry;
+    return;
+  }
+  if (!call.session().setCurrentFileSystemObject(call.service, args.name)) {
+    status = call.session().refusalOr(OperationResult::NoEntry);
     return;
   }
   openByHandle(call, args, status, change);
@@ -239,6 +261,9 @@ OperationResult COpen::execute(Call& call) {
   if (args.owner.size() > kLongestOwner) call.stream.errorOccurred();
   checkDecoded(call);
   if (args.creates() && !call.writeEnabled) status = OperationResult::ReadOnlyFileSystem;
+  if (status == OperationResult::OK && call.service.profile().refusesReclaims) {
+    status = statusOfClaim(args.claim);
+  }
   log().dbg("Open: sequenceId [%1], type [%2], claim type [%3], name [%4]", args.sequenceId,
             args.creates() ? "create" : "no_create", nameOf(args.claim), args.name);
 

@@ -11,7 +11,8 @@ OperationResult CPutFileHandle::execute(Call& call, OperationResult unknown) {
   log().dbg("Put file handle: [%1]", handle.objectId);
 
   const bool isSet = call.session().setCurrentFileSystemObject(call.service, handle);
-  return respondAlways(call, 22, isSet ? OperationResult::OK : unknown);
+  const OperationResult refusal = call.session().refusalOr(unknown);
+  return respondAlways(call, 22, isSet ? OperationResult::OK : refusal);
 }
 
 }  // namespace nfslib::nfs4::operations

@@ -29,7 +29,7 @@ OperationResult CRemove::execute(Call& call) {
   auto& object = call.current();
   ChangedDirectory directory(object);
   OperationResult status = statusUnlessDirectory(object);
-  if (status == OperationResult::OK) status = statusIfTooLong(name);
+  if (status == OperationResult::OK) status = statusIfTooLong(call, name);
   if (status == OperationResult::OK) status = statusUnlessChangeable(object);
   if (status == OperationResult::OK) {
     status = statusOfHostCall(

@@ -20,7 +20,7 @@ OperationResult statusOf(const Call& call, const std::string& oldName, const std
     if (status == OperationResult::OK) status = statusUnlessDirectory(*object);
   }
   for (const std::string* name : {&oldName, &newName}) {
-    if (status == OperationResult::OK) status = statusIfTooLong(*name);
+    if (status == OperationResult::OK) status = statusIfTooLong(call, *name);
   }
   for (const auto* object : {&call.saved(), &call.current()}) {
     if (status == OperationResult::OK) status = statusUnlessChangeable(*object);
