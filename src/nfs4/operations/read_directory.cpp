@@ -120,8 +120,12 @@ bool writeEntries(const Call& call, const ReadDirectoryParams& params, EntryWrit
   NfsFileSystem& view = *object.fileSystem;
   const NfsFileSystem::Listed listed{openDirectory(object), object.path.isRootPath(),
                                      object.metaData.fileId, object.metaData.modifyTime};
+  // Only handles that a client gets have to lead back to their objects.
+  constexpr unsigned kHandle = 1U << 19U;
+  const bool givesHandles = !params.attributes.empty() && (params.attributes[0] & kHandle) != 0;
   const auto visit = [&](const std::string& name, const MetaData& md, std::uint64_t cookie) {
-    const NfsHandle handle = view.getHandle(object.handle, object.path / name, md);
+    const NfsHandle handle = givesHandles ? view.getHandle(object.handle, object.path / name, md)
+                                          : NfsFileSystem::createHandle(object.handle, md);
     return !writer.write(name, cookie, shown(call, view, handle, md));
   };
   return view.list(listed, params.cookie, CookieOrder::WithoutSelfAndParent, std::cref(visit));
