@@ -53,6 +53,8 @@ class MemoryStream {
   memory::mutable_buffer inputArea() { return {m_areas.data(), kAreaSize}; }
   void setInputSize(unsigned size);
 
+  // The whole request, decoded or not.
+  memory::const_buffer getInputBuffer() const { return {input(), m_inputSize}; }
   // Bytes not yet decoded.
   unsigned getInputDataSize() const { return m_inputSize - m_inputPosition; }
   // Takes up to n bytes and returns how many there were. Never marks the stream failed.

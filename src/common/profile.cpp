@@ -13,6 +13,7 @@ namespace {
 
 constexpr Profile kClassic{
     .isModern = false,
+    .repeatsReplies = false,
     .countsChanges = false,
     .remembersListings = false,
     .listsSelfAndParent = false,
@@ -32,6 +33,7 @@ constexpr Profile kClassic{
 };
 constexpr Profile kModern{
     .isModern = true,
+    .repeatsReplies = true,
     .countsChanges = true,
     .remembersListings = true,
     .listsSelfAndParent = true,

@@ -13,6 +13,8 @@ namespace nfslib {
 struct Profile {
   bool isModern = false;
   std::uint32_t leaseSeconds = 600;
+  // A call that comes again, and must not be done twice, gets the reply that it got first.
+  bool repeatsReplies = false;
 
   // ---- What is shown of a tree
 

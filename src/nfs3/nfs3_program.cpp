@@ -32,6 +32,12 @@ OperationResult statusByHandle(const std::exception& failure) {
 
 }  // namespace
 
+bool Nfs3Program::mustRunOnce(const rpc::RpcProgramParameters& parameters) const {
+  if (!m_writeEnabled) return false;  // then it is refused
+  const nfs3::Procedure* row = nfs3::findProcedure(parameters.procedure, m_service.profile());
+  return row != nullptr && row->effect == nfs3::Effect::ChangesOnce;
+}
+
 RpcProgramResult Nfs3Program::run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                                   const rpc::AuthOpaque& caller) {
   if (parameters.version != kVersion) return RpcProgramResult::ProcedureUnavailable;
@@ -46,7 +52,7 @@ RpcProgramResult Nfs3Program::runNfs3(MemoryStream& stream, unsigned procedure,
   if (row == nullptr) return notImplemented(procedure);
   const unsigned resultsStart = stream.getOutputPosition();
   try {
-    if (row->effect == nfs3::Effect::Changes && !m_writeEnabled) {
+    if (row->effect != nfs3::Effect::Reads && !m_writeEnabled) {
       throw NfsOperationError(OperationResult::ReadOnlyFileSystem);
     }
     row->execute({stream, m_service, caller, m_writeEnabled});

@@ -22,6 +22,7 @@ class Nfs3Program : public rpc::RpcProgram {
       : m_service(service), m_writeEnabled(writeEnabled) {}
 
   rpc::Versions versions() const override { return {kVersion, kVersion}; }
+  bool mustRunOnce(const rpc::RpcProgramParameters& parameters) const override;
   rpc::RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                             const rpc::AuthOpaque& caller) override;
 

@@ -21,8 +21,10 @@ struct Call {
   bool writeEnabled = false;
 };
 
-// What a procedure does to the tree.
-enum class Effect { Reads, Changes };
+// What a procedure does to the tree. Doing one that changes it once more comes to the same, unless
+// it has to be done once: then it would fail, or undo what came in between. (WRITE puts the same
+// bytes in the same place.)
+enum class Effect { Reads, Changes, ChangesOnce };
 
 struct Procedure {
   unsigned number = 0;
@@ -35,7 +37,8 @@ struct Procedure {
 };
 
 // The procedures that are served, by ascending number. In the classic profile every failure has one
-// flag, and a server that serves read-only leaves it to the host to refuse changes.
+// flag, no procedure is known to change anything, and a server that serves read-only leaves it to
+// the host to refuse changes.
 std::span<const Procedure> procedureTable(const Profile& profile = {});
 
 // The row of `number`, nullptr when that procedure is not served.

@@ -34,6 +34,8 @@ struct Versions {
 class RpcProgram {
  public:
   virtual Versions versions() const { return {}; }
+  // Whether a call that comes twice must be done once. Asked for every call.
+  virtual bool mustRunOnce(const RpcProgramParameters&) const { return false; }
   // Decodes its arguments from `stream`, which stands just behind the call header, and encodes its
   // results. May be called from several threads at once.
   virtual RpcProgramResult run(MemoryStream& stream, const RpcProgramParameters& parameters,

@@ -10,6 +10,14 @@
 
 namespace nfslib::rpc {
 
+namespace {
+
+std::uint32_t addressOf(const network::ConnectionHandler& connection) {
+  return connection.getRemoteAddress().sin_addr.s_addr;
+}
+
+}  // namespace
+
 void RpcServer::registerProgram(unsigned int number, std::unique_ptr<RpcProgram> program) {
   m_programs.insert_or_assign(number, std::move(program));
 }
@@ -17,7 +25,7 @@ void RpcServer::registerProgram(unsigned int number, std::unique_ptr<RpcProgram>
 void RpcServer::UdpRequestReceived(network::UdpConnectionHandler& connection) {
   {
     const std::lock_guard lock(m_lock);
-    ProcessRpcRequestOverUdp(connection.getStream());
+    ProcessRpcRequestOverUdp(connection.getStream(), addressOf(connection));
   }
   connection.flush();
 }
@@ -29,7 +37,7 @@ void RpcServer::TcpRequestReceived(network::TcpConnectionHandler& connection) {
     {
       std::unique_lock lock(m_lock, std::defer_lock);
       if (!m_parallelRequestsAllowed) lock.lock();
-      result = ProcessRpcRequestOverTcp(stream);
+      result = ProcessRpcRequestOverTcp(stream, addressOf(connection));
     }
     // A failed call ends its record: what is left of it is not another call. In the modern profile
     // a record is one call in any case.
@@ -39,19 +47,19 @@ void RpcServer::TcpRequestReceived(network::TcpConnectionHandler& connection) {
   }
 }
 
-RpcProgramResult RpcServer::ProcessRpcRequestOverUdp(MemoryStream& stream) {
+RpcProgramResult RpcServer::ProcessRpcRequestOverUdp(MemoryStream& stream, CallerAddress caller) {
   RpcHeader header;
   readHeader(stream, header);
-  return processRequest(stream, header);
+  return processRequest(stream, header, caller);
 }
 
-RpcProgramResult RpcServer::ProcessRpcRequestOverTcp(MemoryStream& stream) {
+RpcProgramResult RpcServer::ProcessRpcRequestOverTcp(MemoryStream& stream, CallerAddress caller) {
   RpcHeader header;
   readHeader(stream, header);
   const unsigned replyStart = stream.getOutputPosition();
   stream << header.recordMark;
   const unsigned replyBegin = stream.getOutputPosition();
-  const RpcProgramResult result = processRequest(stream, header);
+  const RpcProgramResult result = processRequest(stream, header, caller);
   if (stream.getOutputPosition() == replyBegin) {  // there is no reply
     stream.seekOutput(replyStart, SeekOrigin::Begin);
     stream.truncateOutput();
@@ -61,7 +69,8 @@ RpcProgramResult RpcServer::ProcessRpcRequestOverTcp(MemoryStream& stream) {
   return result;
 }
 
-RpcProgramResult RpcServer::processRequest(MemoryStream& stream, const RpcHeader& header) {
+RpcProgramResult RpcServer::processRequest(MemoryStream& stream, const RpcHeader& header,
+                                           CallerAddress caller) {
   if (m_profile.isModern && refusesMessage(stream, header)) {
     return RpcProgramResult::GarbageArguments;
   }
@@ -70,8 +79,44 @@ RpcProgramResult RpcServer::processRequest(MemoryStream& stream, const RpcHeader
     sendDenialMessage(stream, header);
     return RpcProgramResult::GarbageArguments;
   }
-  sendAcceptanceMessage(stream, header, status);
-  if (status != AcceptStatus::Success) return RpcProgramResult::GarbageArguments;
+  if (status != AcceptStatus::Success) {
+    sendAcceptanceMessage(stream, header, status);
+    return RpcProgramResult::GarbageArguments;
+  }
+  return caller && mustRunOnce(header) ? answerOnce(stream, header, *caller)
+                                       : answer(stream, header);
+}
+
+bool RpcServer::mustRunOnce(const RpcHeader& header) const {
+  return m_profile.repeatsReplies &&
+         m_programs.find(header.program)
+             ->second->mustRunOnce({header.programVersion, header.procedure});
+}
+
+RpcProgramResult RpcServer::answerOnce(MemoryStream& stream, const RpcHeader& header,
+                                       std::uint32_t caller) {
+  ReplyCache::Turn turn(m_replies,
+                        {.address = caller,
+                         .xid = header.xid,
+                         .program = header.program,
+                         .version = header.programVersion,
+                         .procedure = header.procedure,
+                         .checksum = utility::sipHash(m_hashKey, stream.getInputBuffer())});
+  if (const ReplyCache::Reply* reply = turn.reply()) {
+    log().info("Call [%1] came again: program [%2], procedure [%3]. Its reply is repeated.",
+               header.xid, header.program, header.procedure);
+    stream.write(reply->data(), static_cast<unsigned>(reply->size()));
+    return RpcProgramResult::Success;
+  }
+  const unsigned start = stream.getOutputPosition();
+  const RpcProgramResult result = answer(stream, header);
+  memory::const_buffer reply = stream.getOutputBuffer();
+  turn.keep(reply += start);
+  return result;
+}
+
+RpcProgramResult RpcServer::answer(MemoryStream& stream, const RpcHeader& header) {
+  sendAcceptanceMessage(stream, header, AcceptStatus::Success);
   return executeRpcProcedure(stream, header);
 }
 

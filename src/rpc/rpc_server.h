@@ -1,21 +1,30 @@
 #pragma once
 
 #include "common/profile.h"
+#include "common/sip_hash.h"
+#include "rpc/reply_cache.h"
 #include "rpc/rpc_header.h"
 #include "rpc/rpc_program.h"
 #include "rpc/rpc_request_processor.h"
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 namespace nfslib::rpc {
+
+// The IPv4 address that a call came from, in network byte order; none for one that came through no
+// socket. Replies are repeated to those that have one.
+using CallerAddress = std::optional<std::uint32_t>;
 
 // Answers RPC calls (RFC 5531): decodes the head, applies the caller rule, lets the program decode
 // its arguments and encode its results, and writes the head of the reply around them.
 //
 // In the classic profile a message is taken for a call whatever its head says, and each program
-// looks at its own version. The modern profile answers as RFC 5531 section 9 has it.
+// looks at its own version. The modern profile answers as RFC 5531 section 9 has it, and repeats
+// the reply to a call that must not be done twice.
 //
 // Programs and settings are set before the transports start. The request lock is held while one
 // call is processed, and never while its reply is sent; on TCP not at all once parallel requests
@@ -38,8 +47,8 @@ class RpcServer : public RpcRequestProcessor {
 
   // One call in `stream`, without and with a record mark before its reply. Anything but success
   // tells that the rest of the record is not to be taken for another call.
-  RpcProgramResult ProcessRpcRequestOverUdp(MemoryStream& stream);
-  RpcProgramResult ProcessRpcRequestOverTcp(MemoryStream& stream);
+  RpcProgramResult ProcessRpcRequestOverUdp(MemoryStream& stream, CallerAddress caller = {});
+  RpcProgramResult ProcessRpcRequestOverTcp(MemoryStream& stream, CallerAddress caller = {});
 
  private:
   static void readHeader(MemoryStream& stream, RpcHeader& header);
@@ -49,10 +58,15 @@ class RpcServer : public RpcRequestProcessor {
   // Whether the message is no call of ours. The answer to that, if there is one, is written.
   static bool refusesMessage(MemoryStream& stream, const RpcHeader& header);
   // From the decoded head to the end of the reply, the same on both transports.
-  RpcProgramResult processRequest(MemoryStream& stream, const RpcHeader& header);
+  RpcProgramResult processRequest(MemoryStream& stream, const RpcHeader& header,
+                                  CallerAddress caller);
+  bool mustRunOnce(const RpcHeader& header) const;
   void sendAcceptanceMessage(MemoryStream& stream, const RpcHeader& header,
                              AcceptStatus status) const;
   static void sendDenialMessage(MemoryStream& stream, const RpcHeader& header);
+  // The same for a call that must not be done twice: its reply, from its head on, is kept.
+  RpcProgramResult answerOnce(MemoryStream& stream, const RpcHeader& header, std::uint32_t caller);
+  RpcProgramResult answer(MemoryStream& stream, const RpcHeader& header);
   RpcProgramResult executeRpcProcedure(MemoryStream& stream, const RpcHeader& header);
   static void updateHeaderWithProgramRC(MemoryStream& stream, unsigned resultsStart,
                                         RpcProgramResult result);
@@ -61,6 +75,8 @@ class RpcServer : public RpcRequestProcessor {
   Profile m_profile;
   std::map<unsigned int, std::unique_ptr<RpcProgram>> m_programs;
   std::mutex m_lock;  // one call at a time; taken before every lock of the programs
+  const utility::HashKey m_hashKey = utility::randomHashKey();
+  ReplyCache m_replies;
   bool m_parallelRequestsAllowed = false;
   int m_allowedGroupId = 0;
 };

@@ -224,10 +224,11 @@ TEST_F(ModernNfs3Test, SetAttributesKeepsItsGuardAndMovesTheTimes) {
   change("/f", [](MetaData& md) { md.modifyTime = 1000; });
   const NfsHandle f = handleOf("/f");
   const unsigned changed = attributes("/f").changeTime;
-  const auto set = [&](unsigned guard) {
-    return statusOf(kSetAttr, wire(f) + size(7) + wire(true, guard, 0U));
+  const auto set = [&](unsigned guard, unsigned count = 0) {
+    return statusOf(kSetAttr, wire(f) + size(7) + wire(true, guard, count));
   };
   EXPECT_EQ(set(changed - 1), kNotSync);
+  EXPECT_EQ(set(changed, 1), kNotSync) << "another count of changes";
   EXPECT_EQ(attributes("/f").modifyTime, 1000U);
   EXPECT_EQ(set(changed), kOk);
   EXPECT_NE(attributes("/f").modifyTime, 1000U) << "although the size is the old one";

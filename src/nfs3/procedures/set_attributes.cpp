@@ -15,15 +15,23 @@ using nfs::OperationResult;
 
 namespace {
 
-// sattrguard3: the change time, in seconds, that the object must have.
-std::optional<unsigned> readGuard(MemoryStream& stream) {
-  bool isGuarded = false;
+// sattrguard3: the change time that the object must have.
+struct Guard {
   unsigned seconds = 0;
   unsigned nanoseconds = 0;
+
+  bool lets(const fattr3& object) const {
+    return seconds == object.changeTime && nanoseconds == object.changeNanoseconds;
+  }
+};
+
+std::optional<Guard> readGuard(MemoryStream& stream) {
+  bool isGuarded = false;
   stream >> isGuarded;
   if (!isGuarded) return std::nullopt;
-  stream >> seconds >> nanoseconds;
-  return seconds;
+  Guard guard;
+  stream >> guard.seconds >> guard.nanoseconds;
+  return guard;
 }
 
 }  // namespace
@@ -38,11 +46,11 @@ void CSetAttributes::execute(MemoryStream& stream, NfsService& service) {
   log().dbg("setAttributes: path [%1]", path);
   SetAttributes3 wanted;
   stream >> wanted;
-  const std::optional<unsigned> guard = readGuard(stream);
+  const std::optional<Guard> guard = readGuard(stream);
   utility::checkDecoded(stream);
   const Profile& profile = service.profile();
   // In the classic profile a guarded change is made like any other.
-  if (profile.isModern && guard && *guard != before.changeTime) {
+  if (profile.isModern && guard && !guard->lets(before)) {
     throw NfsOperationError(OperationResult::NotSync);
   }
 
