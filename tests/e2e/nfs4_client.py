@@ -8,18 +8,22 @@ import struct
 from udp_client import NFS, Decoder, Failure, opaque
 
 NUMBERS = {
-    "ACCESS": 3, "CLOSE": 4, "COMMIT": 5, "CREATE": 6, "GETATTR": 9, "GETFH": 10, "LINK": 11,
-    "LOOKUP": 15, "LOOKUPP": 16, "NVERIFY": 17, "OPEN": 18, "PUTFH": 22, "PUTROOTFH": 24, "READ": 25,
-    "READDIR": 26, "READLINK": 27, "REMOVE": 28, "RENAME": 29, "RENEW": 30, "RESTOREFH": 31,
-    "SAVEFH": 32, "SETATTR": 34, "SETCLIENTID": 35, "SETCLIENTID_CONFIRM": 36, "VERIFY": 37,
-    "WRITE": 38, "EXCHANGE_ID": 42, "CREATE_SESSION": 43, "DESTROY_SESSION": 44, "SEQUENCE": 53,
+    "ACCESS": 3, "CLOSE": 4, "COMMIT": 5, "CREATE": 6, "DELEGPURGE": 7, "DELEGRETURN": 8, "GETATTR": 9,
+    "GETFH": 10, "LINK": 11, "LOOKUP": 15, "LOOKUPP": 16, "NVERIFY": 17, "OPEN": 18, "OPEN_CONFIRM": 20,
+    "OPEN_DOWNGRADE": 21, "PUTFH": 22, "PUTPUBFH": 23, "PUTROOTFH": 24, "READ": 25, "READDIR": 26,
+    "READLINK": 27, "REMOVE": 28, "RENAME": 29, "RENEW": 30, "RESTOREFH": 31, "SAVEFH": 32, "SECINFO": 33,
+    "SETATTR": 34, "SETCLIENTID": 35, "SETCLIENTID_CONFIRM": 36, "VERIFY": 37, "WRITE": 38,
+    "RELEASE_LOCKOWNER": 39, "BIND_CONN_TO_SESSION": 41, "EXCHANGE_ID": 42, "CREATE_SESSION": 43,
+    "DESTROY_SESSION": 44, "FREE_STATEID": 45, "SECINFO_NO_NAME": 52, "SEQUENCE": 53, "TEST_STATEID": 55,
     "DESTROY_CLIENTID": 57, "RECLAIM_COMPLETE": 58, "ILLEGAL": 10044}
 NAMES = {number: name for name, number in NUMBERS.items()}
 # How the attributes that can be read are encoded: word, long, opaque, bitmap, time, fsid, ACL.
-ATTRIBUTES = {0: "b", **dict.fromkeys((1, 2, 5, 6, 7, 9, 10, 11, 13, 15, 17, 26, 29, 33, 34, 35), "w"),
-              **dict.fromkeys((3, 4, 20, 27, 30, 31, 55), "l"), 8: "f", 12: "a",
-              **dict.fromkeys((19, 36, 37), "o"), **dict.fromkeys((47, 52, 53), "t")}
+ATTRIBUTES = {**dict.fromkeys((0, 75), "b"),
+              **dict.fromkeys((1, 2, 5, 6, 7, 9, 10, 11, 13, 15, 16, 17, 18, 26, 28, 29, 33, 34, 35), "w"),
+              **dict.fromkeys((3, 4, 20, 21, 22, 23, 27, 30, 31, 42, 43, 44, 45, 55), "l"), 8: "f", 12: "a",
+              **dict.fromkeys((19, 36, 37), "o"), **dict.fromkeys((47, 51, 52, 53), "t")}
 TYPE, SIZE, FILE_ID, MODE, OWNER, SET_ACCESS_TIME, SET_MODIFY_TIME = 1, 4, 20, 33, 36, 48, 54
+FILES_TOTAL, SPACE_TOTAL, SPACE_USED, TIME_DELTA, EXCLUSIVELY_SETTABLE = 23, 44, 45, 51, 75
 DIRECTORY, SYMBOLIC_LINK = 2, 5
 NO_STATE = bytes(16)
 
@@ -33,7 +37,8 @@ def long(value):
 
 
 def bitmap(*attributes):
-    present = [sum(1 << number % 32 for number in attributes if number // 32 == word) for word in (0, 1)]
+    present = [sum(1 << number % 32 for number in attributes if number // 32 == word)
+               for word in range(max(attributes, default=-1) // 32 + 1)]
     return words(len(present), *present)
 
 
@@ -44,9 +49,29 @@ def attributes(values=b"", *numbers):
 EVERYTHING = bitmap(*ATTRIBUTES)
 
 
-def open_file(name, how=words(0), access=3):
+class Owner:
+    """An open-owner. In a list of arguments it stands for its next sequence id, which minor version 1
+    does not count: RFC 7530 section 9.1.7."""
+
+    # Statuses behind which the same sequence id is due again.
+    NOT_COUNTED = {10018, 10019, 10020, 10022, 10023, 10025, 10026, 10036}
+
+    def __init__(self, client, name):
+        self.client = client
+        self.name = name
+        self.turn = 1  # the next sequence id of slot 0
+
+    def after(self, status):
+        if self.client.minor == 0 and status not in self.NOT_COUNTED:
+            self.turn += 1
+
+    def identity(self):
+        return long(self.client.number) + opaque(self.name)
+
+
+def open_file(owner, name, how=words(0), access=3, deny=0):
     """The arguments of OPEN; `how` is openflag4."""
-    return words(0, access, 0) + long(1) + opaque(b"an owner") + how + words(0) + opaque(name)
+    return [owner, words(access, deny) + owner.identity() + how + words(0) + opaque(name)]
 
 
 def unchecked(values=b"", *numbers):
@@ -85,6 +110,10 @@ def read_open(decoder):
     return state, flags
 
 
+def read_flavors(decoder):
+    return [decoder.word() for _ in range(decoder.word())]
+
+
 def read_entries(decoder):
     entries = []
     decoder.take(8)
@@ -112,18 +141,25 @@ def read_channel(decoder):
 
 RESULTS = {
     "ACCESS": lambda decoder: (decoder.word(), decoder.word()),
+    "BIND_CONN_TO_SESSION": lambda decoder: (decoder.take(16), decoder.word(), decoder.word()),
     "CLOSE": read_state,
+    "COMMIT": lambda decoder: decoder.take(8),
     "CREATE": lambda decoder: (read_change(decoder), read_bitmap(decoder)),
     "GETATTR": read_attributes,
     "GETFH": Decoder.opaque,
     "LINK": read_change,
     "OPEN": read_open,
+    "OPEN_CONFIRM": read_state,
+    "OPEN_DOWNGRADE": read_state,
     "READ": lambda decoder: (decoder.word(), decoder.opaque()),
     "READDIR": read_entries,
     "READLINK": Decoder.opaque,
     "REMOVE": read_change,
     "RENAME": lambda decoder: (read_change(decoder), read_change(decoder)),
+    "SECINFO": read_flavors,
+    "SECINFO_NO_NAME": read_flavors,
     "SETCLIENTID": lambda decoder: (decoder.long(), decoder.take(8)),
+    "TEST_STATEID": lambda decoder: [decoder.word() for _ in range(decoder.word())],
     "WRITE": lambda decoder: (decoder.word(), decoder.word(), decoder.take(8)),
     "EXCHANGE_ID": read_identity,
     "CREATE_SESSION": lambda decoder: (decoder.take(16), decoder.word(), decoder.word(),
@@ -173,25 +209,33 @@ class Nfs4Client:
             raise Failure(f"an unusual reply: {reply[:24].hex()}")
         return Decoder(reply[24:])
 
+    def owner(self, name):
+        return Owner(self, name)
+
     def compound(self, *operations, sequence=True, keep=False):
         """(status, results): the result of each operation that was done, SEQUENCE's left out. `keep` asks
         the server to keep the reply, in case it is wanted again."""
-        operations = [(one, b"") if isinstance(one, str) else one for one in operations]
+        operations = [(one, []) if isinstance(one, str) else one for one in operations]
         if self.session and sequence:
-            self.turn += 1
             operations.insert(0, ("SEQUENCE", self.session + words(self.turn, 0, 0, keep)))
+        operations = [(name, [pieces] if isinstance(pieces, bytes) else pieces) for name, pieces in operations]
         tag = b"a tag"
         decoder = self.call(1, opaque(tag) + words(self.minor, len(operations)) + b"".join(
-            words(NUMBERS[name]) + arguments for name, arguments in operations))
+            words(NUMBERS[name]) + b"".join(words(piece.turn) if isinstance(piece, Owner) else piece
+                                            for piece in pieces) for name, pieces in operations))
+        self.reply = decoder.data
         status = decoder.word()
         if decoder.opaque() != tag:
             raise AssertionError("the tag is another one")
         results, last = [], 0
-        for (name, _), _ in zip(operations, range(decoder.word())):
+        for (name, pieces), _ in zip(operations, range(decoder.word())):
             number, last = decoder.word(), decoder.word()
             if NAMES[number] != name:
                 raise AssertionError(f"{name} is answered with {NAMES[number]}")
             self.sent.add((name, last == 0))
+            for piece in pieces:
+                if isinstance(piece, Owner):
+                    piece.after(last)
             if name == "SETATTR":  # has a body whatever became of it
                 results.append(read_bitmap(decoder))
             elif last == 0:
@@ -199,7 +243,10 @@ class Nfs4Client:
         decoder.end()
         if results and last != status:
             raise AssertionError(f"the last operation has status {last}, the whole {status}")
-        return status, results[1:] if self.session and sequence else results
+        if not (self.session and sequence):
+            return status, results
+        self.turn += bool(results)  # a SEQUENCE that is refused leaves the slot as it was
+        return status, results[1:]
 
     def done(self, *operations, **options):
         """The results of operations all of which have to succeed."""
@@ -209,22 +256,31 @@ class Nfs4Client:
         return results
 
     def refused(self, expected, *operations, **options):
-        status, _ = self.compound(*operations, **options)
+        """The results of those in front of the one that was refused."""
+        status, results = self.compound(*operations, **options)
         if status != expected:
             raise AssertionError(f"status {status} instead of {expected} from {operations}")
+        return results
+
+    def open(self, directory, owner, *how, **options):
+        """(stateid, filehandle) of a file, once its owner is confirmed where the server asks for that."""
+        _, (state, flags), handle = self.done(directory, ("OPEN", open_file(owner, *how, **options)), "GETFH")
+        if flags & 2:
+            state = self.done(("PUTFH", opaque(handle)), ("OPEN_CONFIRM", [state, owner]))[1]
+        return state, handle
 
     def begin(self):
         if self.minor == 0:
             client = words(0x40000000) + opaque(b"tcp") + opaque(b"127.0.0.1.0.0") + words(1)
-            ((number, verifier),) = self.done(("SETCLIENTID", b"verifier" + opaque(b"a client") + client))
-            self.done(("SETCLIENTID_CONFIRM", long(number) + verifier))
+            ((self.number, verifier),) = self.done(("SETCLIENTID", b"verifier" + opaque(b"a client") + client))
+            self.done(("SETCLIENTID_CONFIRM", long(self.number) + verifier))
             return
         ((self.number, turn),) = self.done(("EXCHANGE_ID", b"verifier" + opaque(b"a client") + words(0, 0, 0)))
         channel = words(0, 1 << 20, 1 << 20, 4096, 32, 8, 0)
         security = words(0x40000000, 1, 1, 0) + opaque(b"client") + words(0, 0, 0)
         ((self.session, *_),) = self.done(
             ("CREATE_SESSION", long(self.number) + words(turn, 0) + channel + channel + security))
-        self.turn = 0
+        self.turn = 1  # the next sequence id of slot 0
         self.done(("RECLAIM_COMPLETE", words(0)))
 
     def end(self):
