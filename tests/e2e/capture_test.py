@@ -386,7 +386,68 @@ class Wire(unittest.TestCase):
             bound = done(("BIND_CONN_TO_SESSION", client.session + v4.words(1, 0)), sequence=False)
             assert bound == [(client.session, 1, 0)], bound
             refused(10052, ("BIND_CONN_TO_SESSION", bytes(16) + v4.words(1, 0)), sequence=False)
-        return client.open(root, owner, b"file")[0]
+        state, _ = client.open(root, owner, b"file")
+        if v4.LOCKS:
+            cls.use_locks(client, root, file, state, owner, other)
+        return state
+
+    @classmethod
+    def use_locks(cls, client, root, file, state, owner, other):
+        """Locks that two processes hold, one of which may only read. In the end there are none."""
+        done, refused, everything = client.done, client.refused, (0, v4.TO_THE_END)
+        ours, theirs = client.owner(b"a process"), client.owner(b"another process")
+        their_file, _ = client.open(root, other, b"file", access=1)
+
+        def lock(kind, *place, **options):
+            return ("LOCK", v4.lock(kind, *place, *v4.new_locker(owner, state, ours), **options))
+
+        def their_lock(kind, *place):
+            return ("LOCK", v4.lock(kind, *place, *v4.new_locker(other, their_file, theirs)))
+
+        def probe(kind, *place, process=theirs):
+            return ("LOCKT", v4.lock_test(kind, *place, process))
+
+        refused(10033, file, lock(v4.WRITE_LOCK, 100, 50, reclaim=1))
+        first = done(file, lock(v4.WRITE_LOCK, 100, 50))[1]
+        ours_now = (100, 50, v4.WRITE_LOCK, (client.number, b"a process"))
+        for operation in (probe(v4.READ_LOCK, 149, 1), their_lock(v4.READ_LOCK, *everything)):
+            assert refused(10010, file, operation)[-1] == ours_now, operation
+        done(file, probe(v4.WRITE_LOCK, 0, 100), probe(v4.WRITE_LOCK, 150, v4.TO_THE_END),
+             probe(v4.WRITE_LOCK, *everything, process=ours))
+        # An owner that has locks goes on with their stateid.
+        more = ("LOCK", v4.lock(v4.READ_LOCK, 1000, v4.TO_THE_END, *v4.known_locker(first, ours)))
+        locked = done(file, more)[1]
+        assert locked[4:] == first[4:] != state[4:] and locked[:4] > first[:4], (first, locked)
+        assert refused(10010, file, probe(v4.WRITE_LOCK, 1 << 63, 1))[-1] == (
+            1000, v4.TO_THE_END, v4.READ_LOCK, (client.number, b"a process"))
+        their_locks = done(file, their_lock(v4.READ_LOCK, 5000, 10))[1]
+        for place in ((7, 0), (v4.TO_THE_END - 5, 100)):
+            refused(22, file, ("LOCK", v4.lock(v4.READ_LOCK, *place, *v4.known_locker(locked, ours))))
+            refused(22, file, probe(v4.READ_LOCK, *place))
+            refused(22, file, ("LOCKU", v4.unlock(*place, locked, ours)))
+        refused(21, root, probe(v4.READ_LOCK, 0, 1))
+        refused(10038, file, ("LOCK", v4.lock(v4.WRITE_LOCK, 0, 1, *v4.known_locker(their_locks, theirs))))
+        # Their stateids stand for the open file that they are locks of.
+        for used, expected in ((locked, 0), (their_locks, 10038), (first, 10024)):
+            refused(expected, file, ("WRITE", used + v4.long(0) + v4.words(2) + v4.opaque(b"nine more")))
+        assert done(file, ("READ", their_locks + v4.long(0) + v4.words(9)))[1] == (1, b"nine more")
+        # Out of the middle of a range two are left.
+        refused(10024, file, ("LOCKU", v4.unlock(110, 10, first, ours)))
+        locked = done(file, ("LOCKU", v4.unlock(110, 10, locked, ours)), probe(v4.WRITE_LOCK, 110, 10))[1]
+        for at, place in ((109, (100, 10)), (120, (120, 30))):
+            assert refused(10010, file, probe(v4.READ_LOCK, at, 1))[-1] == (
+                *place, v4.WRITE_LOCK, (client.number, b"a process"))
+        release = (lambda held, process: ("RELEASE_LOCKOWNER", process.identity()) if client.minor == 0 else
+                   ("FREE_STATEID", held))
+        refused(10037, release(locked, ours))
+        locked = done(file, ("LOCKU", v4.unlock(*everything, locked, ours)), probe(v4.WRITE_LOCK, 0, 5000))[1]
+        done(release(locked, ours))
+        refused(10025, file, ("READ", locked + v4.long(0) + v4.words(9)))
+        assert refused(10010, file, probe(v4.WRITE_LOCK, *everything, process=ours))[-1] == (
+            5000, 10, v4.READ_LOCK, (client.number, b"another process"))
+        their_locks = done(file, ("LOCKU", v4.unlock(*everything, their_locks, theirs)))[1]
+        done(release(their_locks, theirs))
+        done(file, probe(v4.WRITE_LOCK, *everything, process=ours), ("CLOSE", [other, their_file]))
 
     @classmethod
     def use_modern_names(cls, client, root, owner):
@@ -478,7 +539,8 @@ class Wire(unittest.TestCase):
     def test_every_operation_of_version_4_was_done_and_refused(self):
         other = ({"EXCHANGE_ID", "CREATE_SESSION", "DESTROY_SESSION", "SEQUENCE", "DESTROY_CLIENTID",
                   "RECLAIM_COMPLETE"}, {"SETCLIENTID", "SETCLIENTID_CONFIRM"})  # of the other minor version
-        never = {"DELEGRETURN", "FREE_STATEID"}  # there are no delegations, and only CLOSE ends an open
+        # There are no delegations. Only locks are freed: an open is ended by CLOSE.
+        never = {"DELEGRETURN"} if v4.LOCKS else {"DELEGRETURN", "FREE_STATEID"}
         for profile, minor, sent in self.sent:
             with self.subTest(options=profile.options, minor=minor):
                 served = self.served(profile, minor) - other[minor]
@@ -486,6 +548,7 @@ class Wire(unittest.TestCase):
                 refused = {name for name, succeeded in sent if not succeeded}
                 self.assertEqual(served - refused - profile.harmless, set())
         # tshark has read them as well.
+        self.assertLessEqual({10010, 10033} if v4.LOCKS else set(), self.verdict.statuses4)
         self.assertLessEqual({0, 2, 5, 17, 20, 21, 22, 30, 66, 70, 10001, 10004, 10007, 10009, 10012, 10015,
                               10020, 10021, 10022, 10024, 10025, 10027, 10029, 10032, 10037, 10038, 10044,
                               10052, 10064, 10067, 10070, 10071, 10074}, self.verdict.statuses4)

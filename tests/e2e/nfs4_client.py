@@ -5,15 +5,17 @@ import itertools
 import socket
 import struct
 
-from udp_client import NFS, Decoder, Failure, opaque
+from udp_client import NFS, Decoder, Failure, call_message, opaque
+
+LOCKS = False  # whether the server has LOCK, LOCKT and LOCKU
 
 NUMBERS = {
     "ACCESS": 3, "CLOSE": 4, "COMMIT": 5, "CREATE": 6, "DELEGPURGE": 7, "DELEGRETURN": 8, "GETATTR": 9,
-    "GETFH": 10, "LINK": 11, "LOOKUP": 15, "LOOKUPP": 16, "NVERIFY": 17, "OPEN": 18, "OPEN_CONFIRM": 20,
-    "OPEN_DOWNGRADE": 21, "PUTFH": 22, "PUTPUBFH": 23, "PUTROOTFH": 24, "READ": 25, "READDIR": 26,
-    "READLINK": 27, "REMOVE": 28, "RENAME": 29, "RENEW": 30, "RESTOREFH": 31, "SAVEFH": 32, "SECINFO": 33,
-    "SETATTR": 34, "SETCLIENTID": 35, "SETCLIENTID_CONFIRM": 36, "VERIFY": 37, "WRITE": 38,
-    "RELEASE_LOCKOWNER": 39, "BIND_CONN_TO_SESSION": 41, "EXCHANGE_ID": 42, "CREATE_SESSION": 43,
+    "GETFH": 10, "LINK": 11, "LOCK": 12, "LOCKT": 13, "LOCKU": 14, "LOOKUP": 15, "LOOKUPP": 16, "NVERIFY": 17,
+    "OPEN": 18, "OPEN_CONFIRM": 20, "OPEN_DOWNGRADE": 21, "PUTFH": 22, "PUTPUBFH": 23, "PUTROOTFH": 24,
+    "READ": 25, "READDIR": 26, "READLINK": 27, "REMOVE": 28, "RENAME": 29, "RENEW": 30, "RESTOREFH": 31,
+    "SAVEFH": 32, "SECINFO": 33, "SETATTR": 34, "SETCLIENTID": 35, "SETCLIENTID_CONFIRM": 36, "VERIFY": 37,
+    "WRITE": 38, "RELEASE_LOCKOWNER": 39, "BIND_CONN_TO_SESSION": 41, "EXCHANGE_ID": 42, "CREATE_SESSION": 43,
     "DESTROY_SESSION": 44, "FREE_STATEID": 45, "SECINFO_NO_NAME": 52, "SEQUENCE": 53, "TEST_STATEID": 55,
     "DESTROY_CLIENTID": 57, "RECLAIM_COMPLETE": 58, "ILLEGAL": 10044}
 NAMES = {number: name for name, number in NUMBERS.items()}
@@ -25,6 +27,7 @@ ATTRIBUTES = {**dict.fromkeys((0, 75), "b"),
 TYPE, SIZE, FILE_ID, MODE, OWNER, SET_ACCESS_TIME, SET_MODIFY_TIME = 1, 4, 20, 33, 36, 48, 54
 FILES_TOTAL, SPACE_TOTAL, SPACE_USED, TIME_DELTA, EXCLUSIVELY_SETTABLE = 23, 44, 45, 51, 75
 DIRECTORY, SYMBOLIC_LINK = 2, 5
+READ_LOCK, WRITE_LOCK, TO_THE_END = 1, 2, (1 << 64) - 1
 NO_STATE = bytes(16)
 
 
@@ -50,8 +53,8 @@ EVERYTHING = bitmap(*ATTRIBUTES)
 
 
 class Owner:
-    """An open-owner. In a list of arguments it stands for its next sequence id, which minor version 1
-    does not count: RFC 7530 section 9.1.7."""
+    """An open-owner or a lock-owner. In a list of arguments it stands for its next sequence id, which minor
+    version 1 does not count: RFC 7530 section 9.1.7."""
 
     # Statuses behind which the same sequence id is due again.
     NOT_COUNTED = {10018, 10019, 10020, 10022, 10023, 10025, 10026, 10036}
@@ -72,6 +75,27 @@ class Owner:
 def open_file(owner, name, how=words(0), access=3, deny=0):
     """The arguments of OPEN; `how` is openflag4."""
     return [owner, words(access, deny) + owner.identity() + how + words(0) + opaque(name)]
+
+
+def lock(kind, offset, length, *locker, reclaim=0):
+    """The arguments of LOCK; `locker` is what one of the next two functions returns."""
+    return [words(kind, reclaim) + long(offset) + long(length), *locker]
+
+
+def new_locker(open_owner, open_state, owner):
+    return words(1), open_owner, open_state, owner, owner.identity()
+
+
+def known_locker(state, owner):
+    return words(0), state, owner
+
+
+def lock_test(kind, offset, length, owner):
+    return words(kind) + long(offset) + long(length) + owner.identity()
+
+
+def unlock(offset, length, state, owner):
+    return [words(WRITE_LOCK), owner, state + long(offset) + long(length)]
 
 
 def unchecked(values=b"", *numbers):
@@ -114,6 +138,10 @@ def read_flavors(decoder):
     return [decoder.word() for _ in range(decoder.word())]
 
 
+def read_denied(decoder):
+    return decoder.long(), decoder.long(), decoder.word(), (decoder.long(), decoder.opaque())
+
+
 def read_entries(decoder):
     entries = []
     decoder.take(8)
@@ -148,6 +176,8 @@ RESULTS = {
     "GETATTR": read_attributes,
     "GETFH": Decoder.opaque,
     "LINK": read_change,
+    "LOCK": read_state,
+    "LOCKU": read_state,
     "OPEN": read_open,
     "OPEN_CONFIRM": read_state,
     "OPEN_DOWNGRADE": read_state,
@@ -166,6 +196,29 @@ RESULTS = {
                                        read_channel(decoder), read_channel(decoder)),
     "SEQUENCE": lambda decoder: (decoder.take(16), *(decoder.word() for _ in range(5))),
 }
+# Of operations that were refused.
+REFUSALS = {("LOCK", 10010): read_denied, ("LOCKT", 10010): read_denied,
+            ("SETCLIENTID", 10017): lambda decoder: (decoder.opaque(), decoder.opaque())}
+
+
+def exchange(connection, call):
+    """Sends a call, and returns the record that comes back."""
+    def receive(size):
+        data = b""
+        while len(data) < size:
+            piece = connection.recv(size - len(data))
+            if not piece:
+                raise AssertionError("the server closed the connection")
+            data += piece
+        return data
+
+    connection.sendall(words(0x80000000 | len(call)) + call)
+    reply, last = b"", False
+    while not last:
+        mark = struct.unpack(">I", receive(4))[0]
+        last = bool(mark >> 31)
+        reply += receive(mark & 0x7FFFFFFF)
+    return reply
 
 
 class Nfs4Client:
@@ -185,26 +238,9 @@ class Nfs4Client:
     def __exit__(self, *_):
         self.socket.close()
 
-    def _receive(self, size):
-        data = b""
-        while len(data) < size:
-            piece = self.socket.recv(size - len(data))
-            if not piece:
-                raise AssertionError("the server closed the connection")
-            data += piece
-        return data
-
     def call(self, procedure, arguments=b""):
         transaction = next(self.transaction)
-        credential = words(0) + opaque(b"client") + words(0, 0, 0)
-        call = words(transaction, 0, 2, NFS, 4, procedure, 1) + opaque(credential) + words(0, 0) + arguments
-        self.socket.sendall(words(0x80000000 | len(call)) + call)
-        reply = b""
-        last = False
-        while not last:
-            mark = struct.unpack(">I", self._receive(4))[0]
-            last = bool(mark >> 31)
-            reply += self._receive(mark & 0x7FFFFFFF)
+        reply = exchange(self.socket, call_message(transaction, NFS, 4, procedure, arguments))
         if reply[:24] != words(transaction, 1, 0, 0, 0, 0):
             raise Failure(f"an unusual reply: {reply[:24].hex()}")
         return Decoder(reply[24:])
@@ -240,6 +276,8 @@ class Nfs4Client:
                 results.append(read_bitmap(decoder))
             elif last == 0:
                 results.append(RESULTS[name](decoder) if name in RESULTS else None)
+            elif (name, last) in REFUSALS:
+                results.append(REFUSALS[name, last](decoder))
         decoder.end()
         if results and last != status:
             raise AssertionError(f"the last operation has status {last}, the whole {status}")
@@ -256,7 +294,7 @@ class Nfs4Client:
         return results
 
     def refused(self, expected, *operations, **options):
-        """The results of those in front of the one that was refused."""
+        """The results of those in front of the one that was refused, and its own where it has one."""
         status, results = self.compound(*operations, **options)
         if status != expected:
             raise AssertionError(f"status {status} instead of {expected} from {operations}")
@@ -278,8 +316,9 @@ class Nfs4Client:
         ((self.number, turn),) = self.done(("EXCHANGE_ID", b"verifier" + opaque(b"a client") + words(0, 0, 0)))
         channel = words(0, 1 << 20, 1 << 20, 4096, 32, 8, 0)
         security = words(0x40000000, 1, 1, 0) + opaque(b"client") + words(0, 0, 0)
-        ((self.session, *_),) = self.done(
+        ((self.session, _, _, fore, _),) = self.done(
             ("CREATE_SESSION", long(self.number) + words(turn, 0) + channel + channel + security))
+        self.slots = fore[5]
         self.turn = 1  # the next sequence id of slot 0
         self.done(("RECLAIM_COMPLETE", words(0)))
 
