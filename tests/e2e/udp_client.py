@@ -57,8 +57,15 @@ def opaque(value):
     return struct.pack(">I", len(value)) + value + b"\0" * (-len(value) % 4)
 
 
+def call_message(transaction, program, version, procedure, arguments):
+    """A call as uid 0 with AUTH_SYS."""
+    credential = struct.pack(">I", 0) + opaque(b"client") + struct.pack(">III", 0, 0, 0)
+    return (struct.pack(">IIIIIII", transaction, 0, 2, program, version, procedure, 1) + opaque(credential) +
+            struct.pack(">II", 0, 0) + arguments)
+
+
 class UdpClient:
-    """Calls as uid 0 with AUTH_SYS; repeats a call that gets no answer within a second."""
+    """Repeats a call that gets no answer within a second."""
 
     def __init__(self, address):
         self.address = address
@@ -74,9 +81,7 @@ class UdpClient:
 
     def call(self, port, program, version, procedure, arguments=b"", attempts=5):
         transaction = next(self.transaction)
-        credential = struct.pack(">I", 0) + opaque(b"udp client") + struct.pack(">III", 0, 0, 0)
-        call = struct.pack(">IIIIII", transaction, 0, 2, program, version, procedure)
-        call += struct.pack(">I", 1) + opaque(credential) + struct.pack(">II", 0, 0) + arguments
+        call = call_message(transaction, program, version, procedure, arguments)
         for _ in range(attempts):
             self.socket.sendto(call, (self.address, port))
             while select.select([self.socket], [], [], 1)[0]:
