@@ -57,6 +57,10 @@ class MemoryStream {
   memory::const_buffer getInputBuffer() const { return {input(), m_inputSize}; }
   // Bytes not yet decoded.
   unsigned getInputDataSize() const { return m_inputSize - m_inputPosition; }
+  // The same bytes, which stay to be decoded.
+  memory::const_buffer inputLeft() const { return {input() + m_inputPosition, getInputDataSize()}; }
+  // Bytes of the whole request.
+  unsigned inputSize() const { return m_inputSize; }
   // Takes up to n bytes and returns how many there were. Never marks the stream failed.
   unsigned read(void* dst, unsigned n);
   // The same without a copy: a view of the bytes, valid until the next input.

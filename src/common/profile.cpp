@@ -25,11 +25,12 @@ constexpr Profile kClassic{
     .checksBeforeMaking = false,
     .refusesReclaims = false,
     .maxMessage = 0x1000'0000,
+    .maxKeptReply = 0x1000'0000,
+    .maxSlots = 0xFFFF'FFFF,
     .keepsObjects = true,
     .stampsTimes = true,
     .reusesClientIds = true,
-    .hasOneClient = true,
-    .countsSessions = false,
+    .confirmsClients = false,
 };
 constexpr Profile kModern{
     .isModern = true,
@@ -45,11 +46,12 @@ constexpr Profile kModern{
     .checksBeforeMaking = true,
     .refusesReclaims = true,
     .maxMessage = 1'048'576,  // a record
+    .maxKeptReply = 65'536,   // of what has to be done once only: such replies are short
+    .maxSlots = 64,
     .keepsObjects = false,
     .stampsTimes = false,
     .reusesClientIds = false,
-    .hasOneClient = false,
-    .countsSessions = true,
+    .confirmsClients = true,
 };
 
 // A source of its own, unlike an engine: never the same after the next start.

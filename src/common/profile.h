@@ -44,16 +44,17 @@ struct Profile {
   bool refusesReclaims = false;
   // The longest request and reply of a session.
   std::uint32_t maxMessage = 0;
+  // The longest reply that a slot keeps, and the slots of a session.
+  std::uint32_t maxKeptReply = 0;
+  std::uint32_t maxSlots = 0;
   // What a COMPOUND leaves as current and saved object is there for the next one.
   bool keepsObjects = false;
   // A change sets the host's times to those of this server's clock.
   bool stampsTimes = false;
   // The id of a client that is gone may become another's.
   bool reusesClientIds = false;
-  // A new client of version 4.0 takes the place of all others.
-  bool hasOneClient = false;
-  // CREATE_SESSION counts its sequence ids up.
-  bool countsSessions = false;
+  // A client has a record once it has confirmed it, and goes when it has been silent for long.
+  bool confirmsClients = false;
 };
 
 // Throws std::runtime_error when the policy asks for what nobody can serve.

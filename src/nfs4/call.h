@@ -21,6 +21,8 @@ struct FlowOptions {
   std::uint32_t operationsCount = 0;   // announced
   std::uint32_t currentOperation = 0;  // from 0
   bool responseFromCache = false;      // the whole reply is repeated
+  // What becomes of the operations behind SEQUENCE, unless they are run.
+  nfs::OperationResult refusal = nfs::OperationResult::OK;
   std::shared_ptr<Nfs4Session> session;
   Nfs4Session::Lock taken;  // of the session; released before it
 };

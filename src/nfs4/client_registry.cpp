@@ -3,6 +3,7 @@
 #include "common/log.h"
 #include "common/status.h"
 #include "nfs4/client.h"
+#include "nfs4/client_limits.h"
 #include "nfs4/hexadecimal.h"
 #include "nfs4/read_write_directory_cache.h"
 #include "nfs4/session.h"
@@ -17,9 +18,10 @@ namespace nfslib {
 
 namespace {
 
+using nfs4::kMaxClients;
+using nfs4::kMaxSessions;
+
 constexpr std::chrono::seconds kClientPatience{10};
-constexpr std::size_t kMaxClients = 4096;
-constexpr std::size_t kMaxSessions = 16'384;  // of all clients
 
 void putLittleEndian(std::uint64_t value, std::byte* bytes) {
   for (int i = 0; i < 8; ++i) bytes[i] = static_cast<std::byte>(value >> (8 * i));
@@ -33,8 +35,13 @@ auto findIn(const Map& map, const Key& key) {
 
 }  // namespace
 
-Nfs4Client::Nfs4Client(std::uint64_t id, ClientOwner owner, unsigned minorVersion)
-    : m_id(id), m_owner(std::move(owner)), m_minorVersion(minorVersion) {
+Nfs4Client::Nfs4Client(std::uint64_t id, ClientOwner owner, unsigned minorVersion,
+                       const nfs4::Principal& principal, nfs4::Lease::Clock::time_point now)
+    : m_id(id),
+      m_owner(std::move(owner)),
+      m_minorVersion(minorVersion),
+      m_principal(principal),
+      m_lease(std::make_shared<nfs4::Lease>(now)) {
   putLittleEndian(id, m_lastSessionId.bytes.data());
 }
 
@@ -42,19 +49,24 @@ void Nfs4Client::incLastSessionId() {
   putLittleEndian(++m_sessionCounter, m_lastSessionId.bytes.data() + 8);
 }
 
-unsigned Nfs4Client::getSequenceId() const {
-  const std::lock_guard lock(m_lock);
-  return m_sequenceId;
-}
-
 bool Nfs4Client::isConfirmed() const {
   const std::lock_guard lock(m_lock);
   return m_confirmed;
 }
 
+void Nfs4Client::confirm() {
+  const std::lock_guard lock(m_lock);
+  m_confirmed = true;
+}
+
 Nfs4Client::Sessions Nfs4Client::getSessions() const {
   const std::lock_guard lock(m_lock);
   return m_sessions;
+}
+
+std::size_t Nfs4Client::sessionCount() const {
+  const std::lock_guard lock(m_lock);
+  return m_sessions.size();
 }
 
 sessionid Nfs4Client::getLastSessionId() const {
@@ -68,6 +80,7 @@ void Nfs4Client::destroySession(const sessionid& id) {
   const auto at = m_sessions.find(id);
   if (at == m_sessions.end()) return;
   gone = std::move(at->second);
+  gone->setGone();
   m_sessions.erase(at);
 }
 
@@ -76,9 +89,8 @@ std::shared_ptr<Nfs4Session> Nfs4Client::createSession(std::uint64_t streamId,
                                                        const Profile& profile) {
   const std::lock_guard lock(m_lock);
   incLastSessionId();
-  if (profile.countsSessions) ++m_sequenceId;
-  auto session = std::make_shared<Nfs4Session>(m_lastSessionId, m_id, streamId);
-  session->applyChannelAttributes(channel, profile.maxMessage);
+  auto session = std::make_shared<Nfs4Session>(m_lastSessionId, m_id, streamId, m_lease);
+  session->applyChannelAttributes(channel, profile);
   m_sessions.emplace(m_lastSessionId, session);
   m_confirmed = true;
   return session;
@@ -96,7 +108,9 @@ std::shared_ptr<Nfs4Client> NfsService::findClientByOwner(const std::string& own
 
 std::shared_ptr<Nfs4Client> NfsService::findClientById(const unsigned long& id) const {
   const std::lock_guard lock(m_clientLock);
-  return findIn(m_clients, id);
+  auto client = findIn(m_clients, id);
+  if (m_profile.confirmsClients && client && !client->isConfirmed()) return nullptr;
+  return client;
 }
 
 std::shared_ptr<Nfs4Session> NfsService::findSessionById(const sessionid& id) const {
@@ -111,10 +125,15 @@ std::shared_ptr<Nfs4Client> NfsService::createClient(const ClientOwner& owner,
   if (before && before->getMinorVersion() == minorVersion) deleteClientId(before->getId());
   makeRoomForClient();
   const std::lock_guard lock(m_clientLock);
+  return addClient(owner, minorVersion, {});
+}
+
+std::shared_ptr<Nfs4Client> NfsService::addClient(const ClientOwner& owner, unsigned minorVersion,
+                                                  const nfs4::Principal& principal) {
   std::uint64_t id = m_identity.firstClientId;
   id += m_profile.reusesClientIds ? m_clients.size() : m_clientsMade++;
   while (m_clients.contains(id)) ++id;
-  auto client = std::make_shared<Nfs4Client>(id, owner, minorVersion);
+  auto client = std::make_shared<Nfs4Client>(id, owner, minorVersion, principal, now());
   m_clients.insert_or_assign(id, client);
   m_clientsByOwner.insert_or_assign(owner.ownerId, client);
   return client;
@@ -135,23 +154,36 @@ void NfsService::makeRoomForClient() {
 }
 
 void NfsService::deleteClientId(unsigned long id) {
-  std::shared_ptr<Nfs4Client> gone;  // released after the lock, and with it open files of the host
-  std::vector<std::shared_ptr<Nfs4Session>> sessions;
+  GoneClients gone;  // released after the lock, and with them open files of the host
   {
     const std::lock_guard lock(m_clientLock);
-    gone = findIn(m_clients, id);
-    if (gone) {
-      for (const auto& [sessionId, session] : gone->getSessions()) {
-        sessions.push_back(session);
-        m_sessions.erase(sessionId);
-      }
-      const auto owned = m_clientsByOwner.find(gone->getOwner().ownerId);
-      if (owned != m_clientsByOwner.end() && owned->second == gone) m_clientsByOwner.erase(owned);
-      m_clients.erase(id);
-    }
-    m_clientGone.notify_all();
+    if (const auto client = findIn(m_clients, id)) takeOut(client, gone);
   }
-  openFiles().dropClient(id);
+  dropState(gone);
+}
+
+void NfsService::takeOut(const std::shared_ptr<Nfs4Client>& client, GoneClients& gone) {
+  gone.push_back(client);
+  for (const auto& [sessionId, session] : client->getSessions()) {
+    session->setGone();
+    m_sessions.erase(sessionId);
+  }
+  const std::string& owner = client->getOwner().ownerId;
+  const auto named = m_clientsByOwner.find(owner);
+  if (named != m_clientsByOwner.end() && named->second == client) m_clientsByOwner.erase(named);
+  const auto known = m_owners.find({client->getMinorVersion(), owner});
+  if (known != m_owners.end()) {
+    auto& [confirmed, unconfirmed] = known->second;
+    if (confirmed == client) confirmed.reset();
+    if (unconfirmed == client) unconfirmed.reset();
+    if (!confirmed && !unconfirmed) m_owners.erase(known);
+  }
+  m_clients.erase(client->getId());
+  m_clientGone.notify_all();
+}
+
+void NfsService::dropState(const GoneClients& gone) {
+  for (const auto& client : gone) openFiles().dropClient(client->getId());
 }
 
 void NfsService::deleteClientsOf(unsigned int minorVersion) {
@@ -181,20 +213,26 @@ std::shared_ptr<Nfs4Session> NfsService::createSession(const std::shared_ptr<Nfs
   return session;
 }
 
-void NfsService::destroySession(const sessionid& id) {
+bool NfsService::destroySession(const sessionid& id) {
   std::shared_ptr<Nfs4Session> gone;  // released after the lock
   const std::lock_guard lock(m_clientLock);
   gone = findIn(m_sessions, id);
-  if (!gone) return;
+  if (!gone) return false;
   if (const auto client = findIn(m_clients, gone->clientId())) client->destroySession(id);
   m_sessions.erase(id);
+  return true;
+}
+
+bool NfsService::isWaitedFor(const Nfs4Client& client) const {
+  if (client.getMinorVersion() != 1) return false;
+  return !m_profile.confirmsClients || (client.isConfirmed() && !isSilent(client, now()));
 }
 
 void NfsService::waitOnDestroyClients() {
   // Those of minor version 0 have no way to say that they go.
   const auto allGone = [this] {
     return std::none_of(m_clients.begin(), m_clients.end(),
-                        [](const auto& row) { return row.second->getMinorVersion() == 1; });
+                        [this](const auto& row) { return isWaitedFor(*row.second); });
   };
   std::unique_lock lock(m_clientLock);
   if (!m_clientGone.wait_for(lock, kClientPatience, allGone)) {

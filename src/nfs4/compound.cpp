@@ -75,8 +75,8 @@ void CCompound::execute(MemoryStream& stream, NfsService& service, const rpc::Au
   FlowOptions flow;
   std::string tag;
   // A response that is being recorded must not be gone on with by the next COMPOUND.
-  const auto forgetResponse = [&] {
-    if (flow.session) flow.session->setCurrentResponse(nullptr);
+  const auto endResponse = [&](OperationResult status) {
+    if (flow.session) flow.session->fail(status);
   };
   try {
     stream >> tag >> flow.minorVersion >> flow.operationsCount;
@@ -109,10 +109,10 @@ void CCompound::execute(MemoryStream& stream, NfsService& service, const rpc::Au
     const unsigned results = isWhole ? flow.currentOperation : flow.currentOperation + 1;
     if (flow.session) flow.session->flush(stream, status, results);
   } catch (const NfsOperationError& e) {
-    forgetResponse();
+    endResponse(e.result());
     fail(stream, head, e.result(), tag);
   } catch (const std::exception& e) {
-    forgetResponse();
+    endResponse(OperationResult::ServerFault);
     log().err("NFS operation failed. Error: [%1]", e.what());
     fail(stream, head, OperationResult::ServerFault, tag);
   }
@@ -137,6 +137,8 @@ OperationResult CCompound::executeNextOperation(MemoryStream& stream, NfsService
   const bool isGone = profile.isModern && flow.minorVersion == 1 && operation != nullptr &&
                       operation->minors == Minors::Only0;
   if (operation == nullptr || isGone) return refuse(call, number, OperationResult::NotSupported);
+
+  if (flow.refusal != OperationResult::OK) return refuse(call, number, flow.refusal);
 
   const bool isFirst = flow.currentOperation == 0;
   switch (operation->rule) {

@@ -2,6 +2,7 @@
 
 #include "common/host_failure.h"
 #include "common/log.h"
+#include "nfs4/client_limits.h"
 #include "nfs4/pseudo_root.h"
 #include "server/nfs_service.h"
 
@@ -14,8 +15,6 @@ using nfs::OperationResult;
 
 namespace {
 
-constexpr std::uint32_t kMaxOperations = 4096;
-constexpr std::size_t kMaxSlots = 1024;
 // Open files beyond this number are opened anew when they are used, so that a client that never
 // closes anything does not use up the host's descriptors.
 constexpr std::size_t kMaxHeldFiles = 1024;
@@ -46,8 +45,13 @@ const std::shared_ptr<Nfs4Session>& Nfs4Session::getDefaultSession() {
   return session;
 }
 
-Nfs4Session::Nfs4Session(const sessionid& id, std::uint64_t clientId, std::uint64_t streamId)
-    : m_id(id), m_clientId(clientId), m_streamId(streamId), m_exclusive(kMaxExclusive) {}
+Nfs4Session::Nfs4Session(const sessionid& id, std::uint64_t clientId, std::uint64_t streamId,
+                         std::shared_ptr<nfs4::Lease> lease)
+    : m_id(id),
+      m_clientId(clientId),
+      m_streamId(streamId),
+      m_lease(std::move(lease)),
+      m_exclusive(kMaxExclusive) {}
 
 // ---- Objects
 
@@ -279,13 +283,14 @@ bool Nfs4Session::madeExclusively(std::uint64_t fileId, const verifier4& verifie
 
 // ---- Limits and the replies that can be repeated
 
-void Nfs4Session::applyChannelAttributes(ChannelAttributes& channel, std::uint32_t maxMessage) {
+void Nfs4Session::applyChannelAttributes(ChannelAttributes& channel, const Profile& profile) {
   channel.headerPadSize = 0;
-  for (std::uint32_t* size :
-       {&channel.maxRequestSize, &channel.maxResponseSize, &channel.maxResponseSizeCached}) {
-    *size = std::min(*size, maxMessage);
-  }
-  channel.maxOperations = std::min(channel.maxOperations, kMaxOperations);
+  const auto cut = [](std::uint32_t& value, std::uint32_t most) { value = std::min(value, most); };
+  cut(channel.maxRequestSize, profile.maxMessage);
+  cut(channel.maxResponseSize, profile.maxMessage);
+  cut(channel.maxResponseSizeCached, profile.maxKeptReply);
+  cut(channel.maxOperations, nfs4::kMaxOperations);
+  cut(channel.maxRequests, profile.maxSlots);
   m_foreChannel = channel;
 }
 
@@ -303,13 +308,17 @@ void Nfs4Session::setCurrentResponse(std::shared_ptr<CompoundResponse> response)
 bool Nfs4Session::prepareToCache(unsigned slot, unsigned sequenceId, const MemoryStream& reply) {
   auto at = m_responses.find(slot);
   if (at == m_responses.end()) {
-    if (m_responses.size() == kMaxSlots) return false;
+    if (m_responses.size() == nfs4::kMaxKnownSlots) return false;
     at = m_responses.emplace(slot, std::make_shared<CompoundResponse>()).first;
   }
   *at->second = {.sequenceId = sequenceId, .data = {}};
-  m_response = at->second;
-  m_recordStart = reply.getOutputPosition();
+  record(at->second, reply);
   return true;
+}
+
+void Nfs4Session::record(std::shared_ptr<CompoundResponse> response, const MemoryStream& reply) {
+  m_response = std::move(response);
+  m_recordStart = reply.getOutputPosition();
 }
 
 void Nfs4Session::flush(MemoryStream& reply, OperationResult status, unsigned operationsCount) {
@@ -320,6 +329,7 @@ void Nfs4Session::flush(MemoryStream& reply, OperationResult status, unsigned op
     m_response->operationsCount = operationsCount;
     m_response->data.assign(whole.begin() + std::min<std::size_t>(*m_recordStart, whole.size()),
                             whole.end());
+    m_slots.keep(m_response);
   } else {
     reply.truncateOutput();
     // A longer tag than the first time may leave less room.
@@ -327,6 +337,14 @@ void Nfs4Session::flush(MemoryStream& reply, OperationResult status, unsigned op
       throw nfs::NfsOperationError(OperationResult::ReplyTooBig);
     }
     reply.write(m_response->data.data(), static_cast<unsigned>(m_response->data.size()));
+  }
+  setCurrentResponse(nullptr);
+}
+
+void Nfs4Session::fail(OperationResult status) {
+  if (m_recordStart) {
+    m_response->status = status;
+    m_slots.keep(m_response);
   }
   setCurrentResponse(nullptr);
 }

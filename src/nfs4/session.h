@@ -11,7 +11,10 @@
 #include "common/xdr_records.h"
 #include "fs/nfs_file_system.h"
 #include "fs/replacement_cache.h"
+#include "nfs4/lease.h"
+#include "nfs4/slot_table.h"
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -58,21 +61,24 @@ class Nfs4Session {
     bool isPseudoRoot() const { return handle.objectId == 0; }
   };
 
-  // The reply of one slot's last COMPOUND.
-  struct CompoundResponse {
-    std::uint32_t sequenceId = 0;
-    std::uint32_t operationsCount = 0;
-    nfs::OperationResult status = nfs::OperationResult::OK;
-    std::vector<std::byte> data;  // the results, that of SEQUENCE first
-  };
+  using CompoundResponse = nfs4::CompoundResponse;
 
-  Nfs4Session(const sessionid& id, std::uint64_t clientId, std::uint64_t streamId);
+  // `lease` is the client's; the sessions of no client have none.
+  Nfs4Session(const sessionid& id, std::uint64_t clientId, std::uint64_t streamId,
+              std::shared_ptr<nfs4::Lease> lease = nullptr);
 
   // For all COMPOUNDs of minor version 0, of every client.
   static const std::shared_ptr<Nfs4Session>& getDefaultSession();
 
   const sessionid& id() const { return m_id; }
   std::uint64_t clientId() const { return m_clientId; }
+  // The client was heard of.
+  void renewLease(nfs4::Lease::Clock::time_point now) {
+    if (m_lease) m_lease->renew(now);
+  }
+  // The session was destroyed: who has waited to take it comes too late.
+  void setGone() { m_isGone = true; }
+  bool isGone() const { return m_isGone; }
   // Waits for the COMPOUND before. Where the profile keeps objects from one to the next, paths and
   // exports do not last: objects that others have moved are where they are now, those that are gone
   // are no longer set.
@@ -115,10 +121,12 @@ class Nfs4Session {
 
   // ---- Limits and the replies that can be repeated
 
-  // Cuts the attributes to what this server keeps to, and stores them. `maxMessage` in bytes.
-  void applyChannelAttributes(ChannelAttributes& channel, std::uint32_t maxMessage);
+  // Cuts the attributes to what this server keeps to, and stores them.
+  void applyChannelAttributes(ChannelAttributes& channel, const Profile& profile);
   const ChannelAttributes& foreChannel() const { return m_foreChannel; }
 
+  // Of the modern profile; the classic one keeps replies by `prepareToCache`.
+  nfs4::SlotTable& slots() { return m_slots; }
   // Empty when the slot has none.
   std::shared_ptr<CompoundResponse> findCachedResponse(unsigned slot) const;
   const std::shared_ptr<CompoundResponse>& getCurrentResponse() const { return m_response; }
@@ -126,9 +134,13 @@ class Nfs4Session {
   // The results from here on, which `reply` gets, are to be kept for the slot. False when the
   // session has no room for another slot.
   bool prepareToCache(unsigned slot, unsigned sequenceId, const MemoryStream& reply);
+  // The same for a response that is the caller's.
+  void record(std::shared_ptr<CompoundResponse> response, const MemoryStream& reply);
   // At the end of a COMPOUND: keeps what was recorded, or appends what is repeated. Throws
   // NfsOperationError(ReplyTooBig) when there is no room for that.
   void flush(MemoryStream& reply, nfs::OperationResult status, unsigned operationsCount);
+  // The same for a COMPOUND that has ended without results.
+  void fail(nfs::OperationResult status);
   // The bytes of the results so far, as the limits count them.
   unsigned responseSize(const MemoryStream& reply) const;
   // Whether the result that has its status at `statusPosition` fits the limits. If not, its status
@@ -157,6 +169,8 @@ class Nfs4Session {
   const sessionid m_id;
   const std::uint64_t m_clientId;
   [[maybe_unused]] const std::uint64_t m_streamId;  // of the request that made the session
+  const std::shared_ptr<nfs4::Lease> m_lease;
+  std::atomic<bool> m_isGone{false};
 
   std::mutex m_takenLock;  // guards the two fields below; innermost
   std::condition_variable m_given;
@@ -172,6 +186,7 @@ class Nfs4Session {
   std::map<FileKey, OpenFile> m_openFiles;
   utility::replacement_cache<std::uint64_t, verifier4> m_exclusive;  // by file id
   ChannelAttributes m_foreChannel;
+  nfs4::SlotTable m_slots;
   std::map<unsigned, std::shared_ptr<CompoundResponse>> m_responses;  // by slot
   std::shared_ptr<CompoundResponse> m_response;                       // being recorded, or repeated
   std::optional<unsigned> m_recordStart;  // where in the reply recording began

@@ -4,11 +4,13 @@
 
 #include "common/nfs_handle.h"
 #include "common/profile.h"
+#include "common/status.h"
 #include "common/xdr_records.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -27,18 +29,27 @@ class Nfs4Session;
 class NfsFileSystem;
 struct NfsMountSpec;
 namespace nfs4 {
+class ReplyBudget;
 class StateTable;
-}
+struct ClientReply;
+struct ClientRequest;
+struct Principal;
+struct SessionReply;
+struct SessionRequest;
+}  // namespace nfs4
 
 // What every program needs to know of the server, whatever the protocol: the exports, their
 // numbers, and how a file handle leads back to one of them; and the clients and sessions of
 // version 4.
 //
 // Thread-safe. The export lock guards the tables of exports, the client lock those of clients; the
-// drain lock only carries the news that a view is gone. No two are held together.
+// drain lock only carries the news that a view is gone. No two are held together, and none while
+// the table of what is open is asked, which may ask for a client in turn.
 class NfsService {
  public:
   using NumberedView = std::pair<std::uint32_t, std::shared_ptr<NfsFileSystem>>;
+  // Tells the time that leases are counted in.
+  using LeaseClock = std::function<std::chrono::steady_clock::time_point()>;
 
   NfsService();
   ~NfsService();
@@ -84,7 +95,7 @@ class NfsService {
 
   // ---- Clients and sessions of version 4. Defined in nfs4/client_registry.cpp.
 
-  // Empty when there is none.
+  // Empty when there is none. By its id, where clients confirm themselves, one is found that has.
   std::shared_ptr<Nfs4Client> findClientByOwner(const std::string& ownerId) const;
   std::shared_ptr<Nfs4Client> findClientById(const unsigned long& id) const;
   std::shared_ptr<Nfs4Session> findSessionById(const sessionid& id) const;
@@ -99,8 +110,11 @@ class NfsService {
   // are too many.
   std::shared_ptr<Nfs4Session> createSession(const std::shared_ptr<Nfs4Client>& client,
                                              std::uint64_t streamId, ChannelAttributes& channel);
-  void destroySession(const sessionid& id);
+  // False when there is none.
+  bool destroySession(const sessionid& id);
   // Waits until no client of minor version 1 is left; throws std::runtime_error after 10 seconds.
+  // Where clients are known to be silent, or have not confirmed themselves, they are not waited
+  // for.
   void waitOnDestroyClients();
   // What clients have open by stateids.
   nfs4::StateTable& openFiles() const;
@@ -108,8 +122,64 @@ class NfsService {
   // beyond the deadline, later.
   void releaseObjects(std::uint32_t fileSystemId, std::chrono::steady_clock::time_point deadline);
 
+  // ---- The same for the modern profile. Defined in nfs4/client_records.cpp.
+
+  // EXCHANGE_ID, RFC 8881 section 18.35.4.
+  nfs::OperationResult identifyClient(const nfs4::ClientRequest& request, nfs4::ClientReply& reply);
+  // CREATE_SESSION, RFC 8881 section 18.36.4; what is asked for again is answered again.
+  nfs4::SessionReply createSession(const nfs4::SessionRequest& request);
+  // DESTROY_CLIENTID, RFC 8881 section 18.50.
+  nfs::OperationResult destroyClient(std::uint64_t id);
+  // RECLAIM_COMPLETE of the whole client, RFC 8881 section 18.51.
+  nfs::OperationResult completeReclaim(std::uint64_t id);
+  // SETCLIENTID and SETCLIENTID_CONFIRM, RFC 7530 sections 16.33 and 16.34.
+  nfs::OperationResult setClientId(const nfs4::ClientRequest& request, nfs4::ClientReply& reply);
+  nfs::OperationResult confirmClientId(std::uint64_t id, const verifier4& confirmation,
+                                       const nfs4::Principal& principal);
+
+  // The client was heard of; false when it is not one that has confirmed itself. Sessions know the
+  // lease of their client.
+  bool renewLease(std::uint64_t id) const;
+  // Whether the client was not heard of for the time of a lease, or is none: others may have what
+  // it holds.
+  bool isSilent(std::uint64_t id) const;
+  // Whether others have had it, which the client does not know yet.
+  bool hasLostState(std::uint64_t id) const;
+  std::chrono::steady_clock::time_point now() const { return m_leaseClock(); }
+  // Before calls come.
+  void setLeaseClock(LeaseClock clock) { m_leaseClock = std::move(clock); }
+
  private:
+  using OwnerKey = std::pair<unsigned, std::string>;  // minor version, owner's id
+  // Those of one owner: who has started anew is a second client until that is confirmed.
+  struct OwnerRecords {
+    std::shared_ptr<Nfs4Client> confirmed;
+    std::shared_ptr<Nfs4Client> unconfirmed;
+  };
+  // Taken out of the tables under the client lock. What they have open is dropped behind it, and
+  // objects of the host go with the last holder.
+  using GoneClients = std::vector<std::shared_ptr<Nfs4Client>>;
+
   void makeRoomForClient();
+  void dropState(const GoneClients& gone);
+  bool isInUseByAnother(const OwnerKey& key, const nfs4::Principal& principal) const;
+
+  // ---- Under the client lock
+
+  std::shared_ptr<Nfs4Client> addClient(const ClientOwner& owner, unsigned minorVersion,
+                                        const nfs4::Principal& principal);
+  void takeOut(const std::shared_ptr<Nfs4Client>& client, GoneClients& gone);
+  OwnerRecords recordsOf(const OwnerKey& key) const;
+  std::shared_ptr<Nfs4Client> addRecord(const nfs4::ClientRequest& request, const OwnerKey& key,
+                                        GoneClients& gone);
+  void confirm(const std::shared_ptr<Nfs4Client>& client, GoneClients& gone);
+  nfs::OperationResult openSession(const std::shared_ptr<Nfs4Client>& client,
+                                   const nfs4::SessionRequest& request, nfs4::SessionReply& reply,
+                                   GoneClients& gone);
+  bool isSilent(const Nfs4Client& client, std::chrono::steady_clock::time_point now) const;
+  bool isWaitedFor(const Nfs4Client& client) const;
+  void takeOutForgotten(GoneClients& gone);
+  bool takeOutLeast(bool withSessions, GoneClients& gone);
 
   // Counts the views that are alive. Views hold it, so that one that outlives the service is safe.
   struct LiveViews {
@@ -126,12 +196,18 @@ class NfsService {
   std::unordered_map<NfsPath, std::uint32_t> m_numbers;
   std::unordered_map<std::uint32_t, std::shared_ptr<NfsFileSystem>> m_views;
 
-  mutable std::mutex m_clientLock;  // guards the four fields below
+  mutable std::mutex m_clientLock;  // guards the eight fields below
   std::condition_variable m_clientGone;
   std::map<std::uint64_t, std::shared_ptr<Nfs4Client>> m_clients;
   std::unordered_map<std::string, std::shared_ptr<Nfs4Client>> m_clientsByOwner;
   std::map<sessionid, std::shared_ptr<Nfs4Session>> m_sessions;
   std::uint64_t m_clientsMade = 0;
+  std::map<OwnerKey, OwnerRecords> m_owners;           // where clients confirm themselves
+  std::chrono::steady_clock::time_point m_nextWalk;    // for clients to forget
+  std::chrono::steady_clock::time_point m_nextSearch;  // for room
+  std::shared_ptr<nfs4::ReplyBudget> m_replyBudget;    // made with the first session
+
+  LeaseClock m_leaseClock = std::chrono::steady_clock::now;
 
   mutable std::once_flag m_openFilesMade;
   mutable std::shared_ptr<nfs4::StateTable> m_openFiles;  // made when it is asked for

@@ -1,6 +1,6 @@
 #include "nfs4/client.h"
-#include "support/nfs4_fixture.h"
 #include "support/resident_memory.h"
+#include "support/session_calls.h"
 
 namespace nfslib::testing {
 namespace {
@@ -8,30 +8,11 @@ namespace {
 using ::testing::Contains;
 using ::testing::ElementsAre;
 
-constexpr unsigned kUpdate = 0x4000'0000;
-
-class SessionsTest : public Nfs4Test {
+class SessionsTest : public SessionCalls {
  protected:
   SessionsTest() {
     dir("/d");
     file("/d/f", std::string(10'000, 'f'));
-  }
-  Answer identify(std::uint64_t verifier, const std::string& owner, unsigned flags = 0) const {
-    return send4(1, Compound().add(op::kExchangeId, exchangeArguments(verifier, owner, flags)));
-  }
-  Answer createSession(std::uint64_t client, unsigned sequenceId,
-                       const ChannelAttributes& fore = kChannel) const {
-    return send4(1, Compound().add(op::kCreateSession, sessionArguments(client, sequenceId, fore)));
-  }
-  unsigned destroy(const sessionid& id) const {
-    return send4(1, Compound().add(op::kDestroySession, id)).status;
-  }
-  unsigned destroy(std::uint64_t client) const {
-    return send4(1, Compound().add(op::kDestroyClientId, client)).status;
-  }
-  Answer sequence(const sessionid& id, unsigned sequenceId, unsigned slot, bool cached,
-                  const Compound& rest = {}) const {
-    return send4(1, Compound().add(op::kSequence, id, sequenceId, slot, 63U, cached).add(rest));
   }
 };
 

@@ -7,7 +7,7 @@ using nfs::OperationResult;
 
 // Every connection carries calls of every session; none carries callbacks.
 OperationResult CBindConnection::execute(Call& call) {
-  enum Direction : unsigned { kFore = 1, kBack = 2, kForeOrBoth = 3, kBackOrBoth = 7 };
+  enum Direction : unsigned { kFore = 1, kForeOrBoth = 3 };
   sessionid session;
   unsigned direction = 0;
   bool usesRdma = false;
@@ -19,7 +19,7 @@ OperationResult CBindConnection::execute(Call& call) {
   OperationResult status = OperationResult::OK;
   if (!call.service.findSessionById(session)) {
     status = OperationResult::BadSession;
-  } else if (direction == kBack) {
+  } else if (direction != kFore && direction != kForeOrBoth) {
     status = OperationResult::InvalidArgument;
   }
   return respondAlways(call, 41, status, [&] {

@@ -1,4 +1,4 @@
-#include "nfs4/client.h"
+#include "nfs4/client_rules.h"
 #include "nfs4/operations.h"
 
 #include <string>
@@ -10,15 +10,8 @@ using nfs::OperationResult;
 
 namespace {
 
-constexpr unsigned kSmallestResponse = 4096;
-constexpr unsigned kBackChannel = 2;  // CREATE_SESSION4_FLAG_CONN_BACK_CHAN
-
 struct Arguments {
-  std::uint64_t clientId = 0;
-  unsigned sequenceId = 0;
-  unsigned flags = 0;
-  ChannelAttributes foreChannel;
-  ChannelAttributes backChannel;
+  SessionRequest request;
   unsigned callbackProgram = 0;
 };
 
@@ -48,8 +41,9 @@ void skipSecurity(MemoryStream& in) {
 
 Arguments readArguments(MemoryStream& in) {
   Arguments args;
-  in >> args.clientId >> args.sequenceId >> args.flags >> args.foreChannel >> args.backChannel >>
-      args.callbackProgram;
+  SessionRequest& request = args.request;
+  in >> request.clientId >> request.sequenceId >> request.flags >> request.foreChannel >>
+      request.backChannel >> args.callbackProgram;
   const unsigned flavors = in.readCount(4);
   for (unsigned i = 0; i < flavors && in; ++i) skipSecurity(in);
   return args;
@@ -68,28 +62,18 @@ std::string textOf(const ChannelAttributes& channel) {
 OperationResult CCreateSession::execute(Call& call) {
   Arguments args = readArguments(call.stream);
   checkDecoded(call);
+  SessionRequest& request = args.request;
   log().dbg(
       "Create session: clientId [%1], m_sequenceId [%2], flags [%3], forward channel attributes "
       "[%4], callback program id [%5]",
-      args.clientId, args.sequenceId, args.flags, textOf(args.foreChannel), args.callbackProgram);
+      request.clientId, request.sequenceId, request.flags, textOf(request.foreChannel),
+      args.callbackProgram);
 
-  const auto client = call.service.findClientById(args.clientId);
-  OperationResult status = OperationResult::OK;
-  sessionid session;
-  if (args.foreChannel.maxResponseSize < kSmallestResponse) {
-    status = OperationResult::TooSmall;
-  } else if (!client) {
-    status = OperationResult::StaleClientId;
-  } else if (args.sequenceId + 1 == client->getSequenceId()) {
-    session = client->getLastSessionId();  // the request was sent again
-  } else if (args.sequenceId == client->getSequenceId()) {
-    session = call.service.createSession(client, call.stream.getId(), args.foreChannel)->id();
-  } else {
-    status = OperationResult::SequenceMisordered;
-  }
-  return respondAlways(call, 43, status, [&] {
-    call.stream << session << args.sequenceId << (args.flags & kBackChannel) << args.foreChannel
-                << args.backChannel;
+  request.streamId = call.stream.getId();
+  const SessionReply reply = clientRules(call).createSession(call, request);
+  return respondAlways(call, 43, reply.status, [&] {
+    call.stream << reply.session << request.sequenceId << reply.flags << reply.foreChannel
+                << reply.backChannel;
   });
 }
 

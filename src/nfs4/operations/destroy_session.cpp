@@ -1,19 +1,16 @@
+#include "nfs4/client_rules.h"
 #include "nfs4/hexadecimal.h"
 #include "nfs4/operations.h"
 
 namespace nfslib::nfs4::operations {
 
-using nfs::OperationResult;
-
-OperationResult CDestroySession::execute(Call& call) {
+nfs::OperationResult CDestroySession::execute(Call& call) {
   sessionid session;
   call.stream >> session;
   checkDecoded(call);
   log().dbg("Destroy session, ID [%1]", hexadecimal(session.bytes));
 
-  const bool isKnown = call.service.findSessionById(session) != nullptr;
-  if (isKnown) call.service.destroySession(session);
-  return respondAlways(call, 44, isKnown ? OperationResult::OK : OperationResult::BadSession);
+  return respondAlways(call, 44, clientRules(call).destroySession(call, session));
 }
 
 }  // namespace nfslib::nfs4::operations

@@ -1,3 +1,4 @@
+#include "nfs4/client_rules.h"
 #include "nfs4/operations.h"
 
 namespace nfslib::nfs4::operations {
@@ -8,7 +9,7 @@ nfs::OperationResult CReclaimComplete::execute(Call& call) {
   call.stream >> oneFileSystem;
   checkDecoded(call);
   log().dbg("Reclaim complete: one_fs [%1]", oneFileSystem ? "true" : "false");
-  return respondAlways(call, 58, nfs::OperationResult::OK);
+  return respondAlways(call, 58, clientRules(call).reclaimComplete(call, oneFileSystem));
 }
 
 }  // namespace nfslib::nfs4::operations

@@ -1,4 +1,3 @@
-#include "nfs4/client.h"
 #include "nfs4/operations.h"
 
 #include <cstdint>
@@ -13,8 +12,13 @@ OperationResult CRenew::execute(Call& call) {
   checkDecoded(call);
   log().dbg("Renew: clientId [%1]", clientId);
 
-  const bool isKnown = call.service.findClientById(clientId) != nullptr;
-  return respond(call, 30, isKnown ? OperationResult::OK : OperationResult::StaleClientId);
+  OperationResult status = OperationResult::OK;
+  if (!call.service.renewLease(clientId)) {
+    status = OperationResult::StaleClientId;
+  } else if (call.service.hasLostState(clientId)) {
+    status = OperationResult::Expired;
+  }
+  return respond(call, 30, status);
 }
 
 }  // namespace nfslib::nfs4::operations

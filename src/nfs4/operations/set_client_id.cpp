@@ -1,34 +1,13 @@
-#include "nfs4/client.h"
+#include "nfs4/client_rules.h"
 #include "nfs4/hexadecimal.h"
 #include "nfs4/names.h"
 #include "nfs4/operations.h"
 
-#include <memory>
 #include <string>
 
 namespace nfslib::nfs4::operations {
 
 using nfs::OperationResult;
-
-namespace {
-
-constexpr unsigned kMinorVersion = 0;
-
-std::shared_ptr<Nfs4Client> clientOf(NfsService& service, const ClientOwner& owner) {
-  if (service.profile().hasOneClient) {
-    service.deleteClientsOf(kMinorVersion);
-  } else {
-    // A client that has not been started anew only tells where it can be called back.
-    auto known = service.findClientByOwner(owner.ownerId);
-    if (known && known->getMinorVersion() == kMinorVersion &&
-        known->getOwner().verifier == owner.verifier) {
-      return known;
-    }
-  }
-  return service.createClient(owner, kMinorVersion);
-}
-
-}  // namespace
 
 OperationResult CSetClientId::execute(Call& call) {
   ClientOwner owner;
@@ -45,9 +24,13 @@ OperationResult CSetClientId::execute(Call& call) {
       hexadecimal(owner.verifier.bytes), owner.ownerId, callbackProgram, callbackAddress,
       callbackIdent);
 
-  const auto client = clientOf(call.service, owner);
-  return respondAlways(call, 35, OperationResult::OK,
-                       [&] { call.stream << client->getId() << owner.verifier; });
+  ClientReply reply;
+  const OperationResult status = clientRules(call).setClientId(call, owner, reply);
+  const OperationResult sent =
+      respondAlways(call, 35, status, [&] { call.stream << reply.clientId << reply.confirmation; });
+  // This failure alone has a body, the address of who uses the name: nobody needs to know.
+  if (sent == OperationResult::ClientIdInUse) call.stream << std::string() << std::string();
+  return sent;
 }
 
 }  // namespace nfslib::nfs4::operations
