@@ -40,7 +40,7 @@ verifier4 drawVerifier() {
   return drawn;
 }
 
-// Before there is a session nothing says that the channel can work.
+// Whether a session can be had as it is asked for.
 OperationResult statusOf(const SessionRequest& request) {
   const ChannelAttributes& fore = request.foreChannel;
   if ((request.flags & ~kKnownSessionFlags) != 0 || fore.maxRequests == 0) {

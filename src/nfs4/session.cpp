@@ -47,11 +47,7 @@ const std::shared_ptr<Nfs4Session>& Nfs4Session::getDefaultSession() {
 
 Nfs4Session::Nfs4Session(const sessionid& id, std::uint64_t clientId, std::uint64_t streamId,
                          std::shared_ptr<nfs4::Lease> lease)
-    : m_id(id),
-      m_clientId(clientId),
-      m_streamId(streamId),
-      m_lease(std::move(lease)),
-      m_exclusive(kMaxExclusive) {}
+    : m_id(id), m_clientId(clientId), m_streamId(streamId), m_lease(std::move(lease)) {}
 
 // ---- Objects
 
@@ -273,11 +269,13 @@ bool Nfs4Session::closed() {
 }
 
 void Nfs4Session::rememberExclusive(std::uint64_t fileId, const verifier4& verifier) {
-  m_exclusive.set(fileId, verifier);
+  if (!m_exclusive) m_exclusive.emplace(kMaxExclusive);
+  m_exclusive->set(fileId, verifier);
 }
 
 bool Nfs4Session::madeExclusively(std::uint64_t fileId, const verifier4& verifier) {
-  const auto known = m_exclusive.find(fileId);
+  if (!m_exclusive) return false;
+  const auto known = m_exclusive->find(fileId);
   return known && *known == verifier;
 }
 

@@ -184,7 +184,8 @@ class Nfs4Session {
   FileSystemObject m_current;
   FileSystemObject m_saved;
   std::map<FileKey, OpenFile> m_openFiles;
-  utility::replacement_cache<std::uint64_t, verifier4> m_exclusive;  // by file id
+  // By file id; made when there is one.
+  std::optional<utility::replacement_cache<std::uint64_t, verifier4>> m_exclusive;
   ChannelAttributes m_foreChannel;
   nfs4::SlotTable m_slots;
   std::map<unsigned, std::shared_ptr<CompoundResponse>> m_responses;  // by slot

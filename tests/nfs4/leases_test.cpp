@@ -80,6 +80,24 @@ TEST_F(LeasesTest, NamesAndTheServerAreNotHeldByTheSilent) {
   EXPECT_EQ(run(session, {}).status, kBadSession);
 }
 
+TEST_F(LeasesTest, SessionsOfTheSilentMakeRoom) {
+  serve();
+  constexpr unsigned kClients = 128, kSessions = 128;
+  nfs4::SessionRequest request{.foreChannel = kChannel, .backChannel = kChannel, .principal = {}};
+  for (unsigned i = 0; i < kClients; ++i) {
+    nfs4::ClientReply client;
+    service.identifyClient({{{}, std::to_string(i)}, {}, false}, client);
+    request.clientId = client.clientId;
+    for (request.sequenceId = 1; request.sequenceId <= kSessions; ++request.sequenceId) {
+      ASSERT_EQ(service.createSession(request).status, nfs::OperationResult::OK);
+    }
+  }
+  const std::uint64_t late = exchangeId(1, "late");
+  EXPECT_EQ(createSession(late, 1).status, kNoSpace);
+  time += kLease + Seconds(1);
+  EXPECT_EQ(createSession(late, 2).status, kOk);
+}
+
 TEST_F(LeasesTest, RoomIsMadeOfWhoMattersLeast) {
   serve();
   constexpr unsigned kClients = 4096;
