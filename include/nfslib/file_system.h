@@ -2,10 +2,12 @@
 
 #include <nfslib/export.h>
 #include <nfslib/metadata.h>
+#include <nfslib/nfs_path.h>
 
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 
 /// \file
@@ -159,6 +161,50 @@ class NFSLIB_EXPORT IStatistics {
   /// they cannot be had; clients are then told none.
   virtual FileSystemStatistics GetStatistics() const = 0;
   virtual ~IStatistics();
+};
+
+/// Who makes a call, as its credential says: AUTH_SYS of RFC 5531, appendix A. Nobody has proved
+/// it.
+struct Caller {
+  std::uint32_t uid = 0;
+  std::uint32_t gid = 0;
+  /// The supplementary groups, sixteen at most. Valid as long as the call to which this was given.
+  std::span<const std::uint32_t> groups{};
+};
+
+/// Optional: a `FileSystem` that knows by itself who may do what may derive from this class as
+/// well. In the modern profile it is then asked in place of owner, group and mode, about root too,
+/// both when a client inquires (ACCESS, RFC 1813 section 3.3.4 and RFC 7530 section 16.1) and when
+/// a call is to be let or refused. The two agree as long as it answers alike.
+///
+/// Not asked: to find an object by its handle, to read attributes or the target of a symbolic link,
+/// or to read and write through what a client of version 4 has open already.
+class NFSLIB_EXPORT IAccessControl {
+ public:
+  /// What a caller may be allowed; bits, to be put together.
+  enum Right : std::uint32_t {
+    read = 0x01,   ///< to read a file or list a directory
+    write = 0x02,  ///< to write or resize a file; to make, remove and rename entries of a directory
+    /// To run a file, which a client has to read for that; to look up the names of a directory.
+    execute = 0x04,
+    /// To take this entry out of its directory, or to replace it, for one who may write there: what
+    /// the sticky bit of a directory is about.
+    remove = 0x08,
+    changeAttributes = 0x10,  ///< to set mode and times
+    changeOwner = 0x20,       ///< to give it to another owner or group
+  };
+
+  /// Those of the rights `requested`, one or more, that `caller` has to the object at `path` of
+  /// this tree, whose attributes are `md`. Bits that were not requested do not count. A call that
+  /// needs several rights asks for them one after the other or together.
+  ///
+  /// The attributes may have been kept for a while. Nothing here is kept: the answer counts for
+  /// this time only. Called from any thread, from several at once, under no lock of the library,
+  /// for nearly every call of a client: it has to be quick. Throws when it cannot tell; then
+  /// nothing is granted, and the reason goes to the log.
+  virtual std::uint32_t GetGrantedRights(const Caller& caller, const NfsPath& path,
+                                         const MetaData& md, std::uint32_t requested) const = 0;
+  virtual ~IAccessControl();
 };
 
 }  // namespace nfslib

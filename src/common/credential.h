@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
+#include <span>
 
 namespace nfslib::rpc {
 
@@ -13,7 +15,6 @@ constexpr unsigned AUTH_TOOWEAK = 5;
 struct AuthOpaque {
   static constexpr std::size_t kMaxMachineName = 255;  // RFC 5531, appendix A
   static constexpr unsigned kMaxSentGroups = 16;       // the same
-  static constexpr unsigned kMaxKeptGroups = 10;
 
   unsigned flavor = AUTH_NONE;
   unsigned length = 0;  // of the body, in bytes
@@ -21,8 +22,13 @@ struct AuthOpaque {
   std::array<char, kMaxMachineName + 1> machineName{};
   unsigned uid = 0;
   unsigned gid = 0;
-  unsigned groupCount = 0;  // as sent; only the first kMaxKeptGroups are kept
-  std::array<unsigned, kMaxKeptGroups> groups{};
+  unsigned groupCount = 0;  // as sent
+  std::array<unsigned, kMaxSentGroups> groups{};
+
+  // The first groups, `most` of them.
+  std::span<const unsigned> firstGroups(std::size_t most) const {
+    return {groups.data(), std::min({std::size_t{groupCount}, groups.size(), most})};
+  }
 };
 
 }  // namespace nfslib::rpc

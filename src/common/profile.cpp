@@ -1,5 +1,6 @@
 #include "common/profile.h"
 
+#include "common/credential.h"
 #include "common/log.h"
 
 #include <random>
@@ -14,6 +15,8 @@ namespace {
 constexpr Profile kClassic{
     .isModern = false,
     .repeatsReplies = false,
+    .checksRights = false,
+    .groups = 10,
     .countsChanges = false,
     .remembersListings = false,
     .listsSelfAndParent = false,
@@ -35,6 +38,8 @@ constexpr Profile kClassic{
 constexpr Profile kModern{
     .isModern = true,
     .repeatsReplies = true,
+    .checksRights = true,
+    .groups = rpc::AuthOpaque::kMaxSentGroups,
     .countsChanges = true,
     .remembersListings = true,
     .listsSelfAndParent = true,

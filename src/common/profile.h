@@ -15,6 +15,11 @@ struct Profile {
   std::uint32_t leaseSeconds = 600;
   // A call that comes again, and must not be done twice, gets the reply that it got first.
   bool repeatsReplies = false;
+  // Operations are refused to those who have no right to them; owner, group and other have the bits
+  // of their own, and nothing of the others'.
+  bool checksRights = false;
+  // How many supplementary groups of a caller count.
+  unsigned groups = 10;
 
   // ---- What is shown of a tree
 

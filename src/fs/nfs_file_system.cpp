@@ -39,6 +39,7 @@ std::shared_ptr<Object> opened(std::shared_ptr<Object> object) {
 NfsFileSystem::NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec, const Profile& profile)
     : m_fs(fs),
       m_statistics(profile.tellsStatistics ? dynamic_cast<const IStatistics*>(&fs) : nullptr),
+      m_accessControl(profile.checksRights ? dynamic_cast<const IAccessControl*>(&fs) : nullptr),
       m_profile(profile),
       m_writable(spec.writeEnabled),
       m_directories(kDirectoryCapacity),

@@ -99,6 +99,9 @@ class NfsFileSystem {
   // Nothing when the host has none, or clients are not to be told.
   std::optional<FileSystemStatistics> statistics() const;
 
+  // Who decides what callers may do; nullptr when owner, group and mode do.
+  const IAccessControl* accessControl() const { return m_accessControl; }
+
   const Profile& profile() const { return m_profile; }
 
   // ---- Opening. The host's exceptions pass out unchanged, and nothing is cached then.
@@ -165,6 +168,7 @@ class NfsFileSystem {
 
   FileSystem& m_fs;
   const IStatistics* const m_statistics;  // m_fs itself; nullptr when there are none to be told
+  const IAccessControl* const m_accessControl;  // the same, when there is nobody to be asked
   const Profile m_profile;
   const bool m_writable;
 

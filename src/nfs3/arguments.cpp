@@ -4,6 +4,7 @@
 #include "common/log.h"
 #include "common/status.h"
 #include "common/xdr_records.h"
+#include "fs/entry_rights.h"
 #include "nfs3/limits.h"
 #include "nfs3/wire_sizes.h"
 
@@ -67,16 +68,24 @@ ViewAndPath getPath(const NfsHandle& handle, const NfsService& service) {
   return {std::move(view), *std::move(path)};
 }
 
-ViewAndPath getPath(const DirOpArgs& args, const NfsService& service) {
-  ViewAndPath found = getPath(args.dir, service);
-  auto& [view, path] = found;
-  path = path / args.name;
+void require(OperationResult status) {
+  if (status != OperationResult::OK) throw NfsOperationError(status);
+}
+
+FoundEntry findEntry(const DirOpArgs& args, const NfsService& service,
+                     const rpc::AuthOpaque& caller) {
+  auto [view, directory] = getPath(args.dir, service);
+  FoundEntry found{std::move(view), directory / args.name, std::nullopt};
+  if (service.profile().checksRights) {
+    found.directory = found.view->getMetaData(directory);
+    require(permissionIn(*found.view, caller).toSearch(directory, *found.directory));
+  }
   if (service.profile().isModern) {
     if (args.name.empty() || args.name.find('/') != args.name.npos) {
       throw NfsOperationError(OperationResult::InvalidArgument);
     }
-    entryMetaData(*view, path);
-  } else if (!view->pathExists(path)) {
+    entryMetaData(*found.view, found.path);
+  } else if (!found.view->pathExists(found.path)) {
     throw NfsOperationError(OperationResult::NoEntry);
   }
   return found;

@@ -2,12 +2,15 @@
 
 #include <nfslib/nfs_path.h>
 
+#include "common/credential.h"
 #include "common/memory_stream.h"
 #include "common/nfs_handle.h"
+#include "common/status.h"
 #include "fs/nfs_file_system.h"
 #include "server/nfs_service.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -39,8 +42,18 @@ void checkDecoded(const MemoryStream& stream);
 // The export and the path that the handle names. InvalidFileHandle when no object is known by it,
 // UnknownHandle when there is no such export.
 ViewAndPath getPath(const NfsHandle& handle, const NfsService& service);
-// The same for a name in a directory; the path is the entry's. NoEntry when there is no such entry.
-ViewAndPath getPath(const DirOpArgs& args, const NfsService& service);
+// The same for a name in a directory, which the caller has to have the right to search. NoEntry
+// when there is no such entry.
+struct FoundEntry {
+  std::shared_ptr<NfsFileSystem> view;
+  NfsPath path;
+  std::optional<MetaData> directory;  // its attributes, where its rights were checked
+};
+FoundEntry findEntry(const DirOpArgs& args, const NfsService& service,
+                     const rpc::AuthOpaque& caller);
+
+// Throws NfsOperationError unless the status is OK: a right that the caller does not have.
+void require(nfs::OperationResult status);
 
 // The attributes of the entry at `path`. Throws NfsOperationError with the status that tells why
 // there are none, and as getMetaData does when there is no such directory.

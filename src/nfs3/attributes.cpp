@@ -128,6 +128,16 @@ void SetAttributes3::applyTo(MetaData& md) const {
   apply(modifyTime, md.modifyTime);
 }
 
+nfslib::utility::AttributeChange SetAttributes3::change() const {
+  const auto isSetTo = [&](TimeHow how) { return accessTime.how == how || modifyTime.how == how; };
+  return {.mode = mode.has_value(),
+          .size = size.has_value(),
+          .uid = uid,
+          .gid = gid,
+          .timeOfServer = isSetTo(TimeHow::ToServerTime),
+          .timeOfClient = isSetTo(TimeHow::ToClientTime)};
+}
+
 fattr3 procedures::utility::getAttributes(const NfsHandle& handle, const MetaData& md) {
   return {
       .type = md.type,

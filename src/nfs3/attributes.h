@@ -4,6 +4,7 @@
 
 #include "common/memory_stream.h"
 #include "common/nfs_handle.h"
+#include "common/permission.h"
 
 #include <cstdint>
 #include <optional>
@@ -89,6 +90,8 @@ struct SetAttributes3 {
   void applyTo(MetaData& md) const;
   // Whether the size is set, and the modification time is not.
   bool resizesAlone() const { return size && modifyTime.how == TimeHow::DontChange; }
+  // What of it takes a right.
+  nfslib::utility::AttributeChange change() const;
 };
 
 // A time_how that does not exist marks the stream failed.

@@ -3,6 +3,7 @@
 #include "common/host_failure.h"
 #include "common/xdr_records.h"
 #include "fs/entry_name.h"
+#include "fs/entry_rights.h"
 
 #include <utility>
 
@@ -18,7 +19,12 @@ Changing::Changing(const NfsHandle& handle, ViewAndPath found, const Profile& pr
       m_handle(handle),
       m_view(std::move(found.first)),
       m_path(std::move(found.second)),
-      m_before(getAttributes(*m_view, m_handle, m_view->getMetaData(m_path))) {}
+      m_md(m_view->getMetaData(m_path)),
+      m_before(getAttributes(*m_view, m_handle, m_md)) {}
+
+Permission Changing::permission(const rpc::AuthOpaque& caller) const {
+  return permissionIn(*m_view, caller);
+}
 
 WccData Changing::wccData() const {
   return {PreOpAttr(m_before), {getAttributes(*m_view, m_handle, m_view->getMetaData(m_path))}};
@@ -50,8 +56,23 @@ void create(MemoryStream& stream, const Changing& dir, const std::string& name,
   stream << wcc;
 }
 
-std::optional<Owner> ownerIn(const Changing& dir, const rpc::AuthOpaque& caller) {
-  return nfslib::utility::ownerOfNew(dir.profile(), dir.before().mode, dir.before().gid, caller);
+std::optional<Owner> admitNew(const Changing& dir, const rpc::AuthOpaque& caller,
+                              SetAttributes3& wanted) {
+  const Permission permission = dir.permission(caller);
+  require(permission.toChangeEntries(dir.path(), dir.metaData()));
+  const auto owner =
+      nfslib::utility::ownerOfNew(dir.profile(), dir.metaData().mode, dir.metaData().gid, caller);
+  if (owner) {
+    require(permission.toMake(dir.path(), *owner, wanted.change()));
+    MetaData made;
+    made.uid = owner->uid;
+    made.gid = owner->gid;
+    MetaData with = made;
+    wanted.applyTo(with);
+    permission.settleMode(made, with, wanted.mode.has_value());
+    if (wanted.mode) wanted.mode = with.mode;
+  }
+  return owner;
 }
 
 }  // namespace nfslib::nfs3::procedures::utility

@@ -34,7 +34,9 @@ class Changing {
   const Profile& profile() const { return m_profile; }
   NfsFileSystem& view() const { return *m_view; }
   const NfsPath& path() const { return m_path; }
+  const MetaData& metaData() const { return m_md; }
   const fattr3& before() const { return m_before; }
+  nfslib::utility::Permission permission(const rpc::AuthOpaque& caller) const;
 
   // With the attributes of now behind those from before.
   WccData wccData() const;
@@ -46,6 +48,7 @@ class Changing {
   NfsHandle m_handle;
   std::shared_ptr<NfsFileSystem> m_view;
   NfsPath m_path;
+  MetaData m_md;
   fattr3 m_before;
 };
 
@@ -57,9 +60,13 @@ void create(MemoryStream& stream, const Changing& dir, const std::string& name,
             const std::function<void(std::string_view)>& tell);
 
 using nfslib::utility::Owner;
+using nfslib::utility::Permission;
 
-// Who is to own what the caller makes in `dir`; nobody where the host decides.
-std::optional<Owner> ownerIn(const Changing& dir, const rpc::AuthOpaque& caller);
+// To be called before the caller makes an object in `dir`. Returns who is to own it, nobody where
+// the host decides. Throws NfsOperationError when the caller may not; takes from `wanted` what
+// nobody gets.
+std::optional<Owner> admitNew(const Changing& dir, const rpc::AuthOpaque& caller,
+                              SetAttributes3& wanted);
 
 // Gives a fresh object to `owner`, and leaves it to whom the host gave it when the host refuses.
 template <class Object>

@@ -29,12 +29,12 @@ struct CGetAttributes {
 
 // SETATTR (2), section 3.3.2
 struct CSetAttributes {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // LOOKUP (3), section 3.3.3
 struct CLookupObject {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // ACCESS (4), section 3.3.4. Rights that lead to a change are granted on writable exports only; in
@@ -51,12 +51,12 @@ struct CReadLink {
 
 // READ (6), section 3.3.6
 struct CReadFile {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // WRITE (7), section 3.3.7
 struct CWriteFile {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // CREATE (8), section 3.3.8
@@ -76,35 +76,37 @@ struct CSymlink {
 
 // REMOVE (12), section 3.3.12
 struct CRemoveFile {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // RMDIR (13), section 3.3.13, in remove_file.cpp
 struct CRemoveDirectory {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // RENAME (14), section 3.3.14
 struct CRename {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // LINK (15), section 3.3.15
 struct CLink {
-  static void execute(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
 };
 
 // READDIR (16), section 3.3.16, and READDIRPLUS (17), section 3.3.17. Cookies
 // are numbered by the view.
 class CReadDirectory {
  public:
-  static void execute(MemoryStream& stream, NfsService& service);
-  static void executeExtended(MemoryStream& stream, NfsService& service);
+  static void execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller);
+  static void executeExtended(MemoryStream& stream, NfsService& service,
+                              const rpc::AuthOpaque& caller);
 
  private:
   struct Listing;  // one call's directory and where in it to go on
 
   static Listing readListing(MemoryStream& stream, NfsService& service);
+  static void requireRight(const Listing& listing, const rpc::AuthOpaque& caller);
   template <class WriteExtra>
   static void list(MemoryStream& stream, const Listing& listing, unsigned limit, unsigned extraSize,
                    const WriteExtra& writeExtra);

@@ -78,7 +78,7 @@ void decodeField(MemoryStream& in, Values& values) {
 }
 template <auto field>
 void decodeSetTime(MemoryStream& in, Values& values) {
-  values.*field = readSetTime(in);
+  values.*field = readSetTime(in, values);
 }
 template <bool value>
 void printBool(MemoryStream& out, const Object&) {

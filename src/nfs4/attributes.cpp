@@ -102,14 +102,16 @@ bool areReadable(const Bitmap& bitmap, const AttributeTable& table) {
   return bitmap.size() <= table.words && isWithin(bitmap, table.readable, bitmap.size());
 }
 
-nfstime4 readSetTime(MemoryStream& in) {
+nfstime4 readSetTime(MemoryStream& in, Nfs4SetAttributes& values) {
   constexpr unsigned kSetToClientTime = 1;
   unsigned how = 0;
   nfstime4 time;
   in >> how;
   if (how == kSetToClientTime) {
     in >> time;
+    values.setsTimeOfClient = true;
   } else {
+    values.setsTimeOfServer = true;
     time.seconds = nfslib::utility::currentSeconds();
   }
   return time;

@@ -85,6 +85,8 @@ struct Nfs4SetAttributes {
   std::uint64_t number = 0;
   bool flag = false;
   bool unknownOwner = false;  // one of the two owners is nobody's name here
+  bool setsTimeOfServer = false;
+  bool setsTimeOfClient = false;
 };
 
 // ---- What an object has
@@ -99,8 +101,8 @@ bool areReadable(const Bitmap& bitmap, const AttributeTable& table);
 
 // ---- What a client sends
 
-// settime4: the client's time, or the server's of now.
-nfstime4 readSetTime(MemoryStream& in);
+// settime4: the client's time, or the server's of now. Notes in `values` which.
+nfstime4 readSetTime(MemoryStream& in, Nfs4SetAttributes& values);
 void readAttributeValue(MemoryStream& in, unsigned attribute, Nfs4SetAttributes& values);
 // The values of a fattr4 whose bitmap was read already. A bit of an attribute that cannot be set
 // makes `status` AttributeNotSupported, an owner that nobody knows BadOwner; what can be set is

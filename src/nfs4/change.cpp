@@ -2,6 +2,7 @@
 
 #include "common/clock.h"
 #include "common/permission.h"
+#include "nfs4/rights.h"
 
 #include <exception>
 
@@ -15,13 +16,14 @@ Bitmap applyAttributes(const Call& call, const Nfs4SetAttributes& values) {
   // From the host: attributes that were kept for a while might be older than what others have
   // written, and setting them would undo it.
   MetaData md = view.readMetaData(object.path);
-  const std::uint32_t modifiedBefore = md.modifyTime;
+  const MetaData unchanged = md;
   Bitmap applied = setAttributes(values, md, attributeTable(call));
+  permission(call).settleMode(unchanged, md, values.mode.has_value());
   view.setMetaData(object.path, md);
   // The change moved times as well; whoever asks next gets those.
   view.dropMetaData(object.path);
   object.metaData = values.size && !values.timeModify
-                        ? view.shownAfterResize(object.path, md, modifiedBefore)
+                        ? view.shownAfterResize(object.path, md, unchanged.modifyTime)
                         : view.shownAfterChange(object.path, md);
   return applied;
 }

@@ -2,6 +2,7 @@
 
 #include "common/host_failure.h"
 #include "nfs4/operation_table.h"
+#include "nfs4/rights.h"
 
 #include <exception>
 #include <string>
@@ -159,6 +160,8 @@ OperationResult CCompound::executeNextOperation(MemoryStream& stream, NfsService
   if (!profile.isModern) return operation->execute(call);
   const unsigned start = stream.getOutputPosition();
   try {
+    const OperationResult refusal = statusOfNeeds(call, operation->needs);
+    if (refusal != OperationResult::OK) return refuse(call, number, refusal);
     return operation->execute(call);
   } catch (const NfsOperationError&) {
     throw;  // of the whole COMPOUND

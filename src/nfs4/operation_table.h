@@ -18,6 +18,16 @@ enum class Rule {
 // The minor versions that have an operation. The classic profile does not ask.
 enum class Minors { All, Only0 };
 
+// What the caller has to be allowed of the current object, where that is a directory, before the
+// operation looks at its arguments. What more it takes is for the operation to ask.
+enum class Needs {
+  Nothing,
+  List,
+  Search,
+  ChangeEntries,
+  ChangeBoth,  // those of the saved object as well
+};
+
 // What a result has behind a status that is not 0.
 enum class FailureBody { None, EmptyBitmap };
 
@@ -28,6 +38,13 @@ struct Operation {
   nfs::OperationResult (*execute)(Call& call) = nullptr;
   Minors minors = Minors::All;
   FailureBody failureBody = FailureBody::None;
+  Needs needs = Needs::Nothing;
+
+  constexpr Operation needing(Needs what) const {
+    Operation row = *this;
+    row.needs = what;
+    return row;
+  }
 };
 
 constexpr unsigned kFirstOperation = 3;

@@ -23,6 +23,7 @@ constexpr CallerRule kClassic{
           return header.credentials.flavor == AUTH_NONE || !concernsFiles(header);
         },
     .groupZeroLetsIn = true,
+    .mostGroups = 10,
 };
 
 constexpr CallerRule kModern{
@@ -32,6 +33,7 @@ constexpr CallerRule kModern{
                  (header.program == kMountProgram && header.procedure == kExportProcedure);
         },
     .groupZeroLetsIn = false,
+    .mostGroups = AuthOpaque::kMaxSentGroups,
 };
 
 }  // namespace
@@ -53,8 +55,7 @@ bool CallerRule::allows(const RpcHeader& header, int allowedGroup) const {
   }
   const auto allowed = static_cast<unsigned>(allowedGroup);
   if (caller.gid == allowed) return true;
-  const std::span groups(caller.groups.data(),
-                         std::min(caller.groupCount, AuthOpaque::kMaxKeptGroups));
+  const std::span groups = caller.firstGroups(mostGroups);
   const bool isMember = std::any_of(groups.begin(), groups.end(), [&](unsigned group) {
     return group == allowed || (group == 0 && groupZeroLetsIn);
   });

@@ -14,6 +14,8 @@ struct CallerRule {
   bool (*isOpen)(const RpcHeader& header) = nullptr;
   // Whether the supplementary group 0 lets in as the allowed one does.
   bool groupZeroLetsIn = false;
+  // How many of the groups count.
+  unsigned mostGroups = 0;
 
   // Whether the call may be made when `allowedGroup` is the group, 0 when there is none; a refusal
   // is logged.

@@ -21,7 +21,7 @@ void readSysCredential(MemoryStream& in, AuthOpaque& credential) {
   for (unsigned i = 0; i < credential.groupCount; ++i) {
     unsigned group = 0;
     in >> group;
-    if (i < AuthOpaque::kMaxKeptGroups) credential.groups[i] = group;
+    credential.groups[i] = group;
   }
 }
 

@@ -59,6 +59,9 @@ class ModernNfs3Test : public Nfs3Test {
     dir("/d/full");
     file("/d/full/x", "x");
     file("/f", "content");
+    for (const char* path : {"/", "/d", "/d/full", "/d/full/x", "/f"}) {
+      change(path, [](MetaData& md) { md.uid = 1000; });
+    }
   }
   // The status alone.
   unsigned statusOf(unsigned procedure, const std::string& arguments) const {
@@ -185,8 +188,10 @@ TEST_F(ModernNfs3Test, WhatIsMadeBelongsToTheCaller) {
   EXPECT_EQ(attributes("/d/new").uid, 1000U);
   EXPECT_EQ(attributes("/d/new").gid, 77U) << "that of the directory";
   // Who names another gets that one.
+  send.caller.uid = 0;
   EXPECT_EQ(statusOf(kMkDir, entry("his") + wire(0U, true, 7U, 0U, 0U, 0U, 0U)), kOk);
   EXPECT_EQ(attributes("/his").uid, 7U);
+  send.caller.uid = 1000;
   // The host does not let it.
   bool first = true;
   failWith("SetMetaData", [&] {

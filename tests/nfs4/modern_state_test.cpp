@@ -207,6 +207,10 @@ TEST_P(ModernStateTest, ExclusiveCreationIsRepeatedByItsVerifier) {
 
 TEST_P(ModernStateTest, WhatIsMadeBelongsToItsMaker) {
   server4.setAllowedGroupId(60);
+  MetaData md = attributes("/d");
+  md.mode = 0777;
+  directoryAt(NfsPath("/d"))->SetMetaData(md);
+  view->dropMetaData(NfsPath("/d"));
   caller4.caller.uid = 50;
   caller4.caller.gid = 60;
   EXPECT_EQ(status(at("/d").add(op::kOpen, 0U, kBoth, 0U, client, "owner"s,

@@ -83,10 +83,11 @@ class Nfs3Test : public ::testing::Test {
 
   // ---- The server
 
+  virtual FileSystem& exported() { return host; }
   void serve(bool writable = false) {
     NfsMountSpec spec;
     spec.writeEnabled = writable;
-    service.exportFileSystem(NfsPath("/export"), host, spec);
+    service.exportFileSystem(NfsPath("/export"), exported(), spec);
     view = service.getFileSystem(NfsPath("/export")).second;
     root = service.getHandle(NfsPath("/export"));
     server.registerProgram(kProgram, std::make_unique<nfs::Nfs3Program>(service, writable));

@@ -53,7 +53,7 @@ struct StreamCaller {
     MemoryStream body;  // of the credential: stamp, machine name, ids
     const std::vector<unsigned> groups(
         caller.groups.begin(),
-        caller.groups.begin() + std::min(caller.groupCount, rpc::AuthOpaque::kMaxKeptGroups));
+        caller.groups.begin() + std::min(caller.groupCount, rpc::AuthOpaque::kMaxSentGroups));
     body << caller.stamp << std::string("host") << caller.uid << caller.gid << groups;
 
     MemoryStream call;

@@ -57,7 +57,8 @@ void CCheckAccess::execute(MemoryStream& stream, NfsService& service, const rpc:
   for (const Rule& rule : profile.isModern ? kModernRules : kRules) {
     const bool applies = isDirectory ? rule.onDirectories : rule.onOthers;
     if (!applies || (!writeEnabled && !rule.onReadOnlyExports)) continue;
-    CProtocolUtils::checkPermission(path, md, caller, requested, rule.right, granted, profile);
+    CProtocolUtils::checkPermission(path, md, caller, requested, rule.right, granted, profile,
+                                    view->accessControl());
   }
   log().dbg("Check result : [%1]", granted);
 

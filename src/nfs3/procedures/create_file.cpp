@@ -40,8 +40,10 @@ SetAttributes3 attributesFor(const FixedOpaque<8>& verifier) {
 
 // What a create that may meet its name makes of the entry that is there.
 MetaData takeExisting(const utility::Changing& dir, const DirEntry& entry, CreateMode mode,
-                      const SetAttributes3& wanted) {
+                      const SetAttributes3& wanted, const rpc::AuthOpaque& caller) {
   const MetaData& md = entry.metaData;
+  const utility::Permission permission = dir.permission(caller);
+  utility::require(permission.toSearch(dir.path(), dir.metaData()));
   if (!isType(md, FileType::Regular)) throw NfsOperationError(OperationResult::FileExist);
   if (mode == kExclusive) {
     const bool isOwn = md.size == 0 && md.accessTime == wanted.accessTime.seconds &&
@@ -54,6 +56,7 @@ MetaData takeExisting(const utility::Changing& dir, const DirEntry& entry, Creat
   resized.size = wanted.size;
   if (!resized.size) return md;
   const NfsPath path = dir.path() / entry.name;
+  utility::require(permission.toWrite(path, md));
   MetaData changed = md;
   resized.applyTo(changed);
   dir.view().setMetaData(path, changed);
@@ -88,11 +91,12 @@ void CCreateFile::execute(MemoryStream& stream, NfsService& service,
       [&](Directory& parent) {
         if (dir.profile().isModern && mode != kGuarded) {
           const auto existing = parent.TryGetEntryByName(args.name);
-          if (existing) return takeExisting(dir, *existing, CreateMode{mode}, wanted);
+          if (existing) return takeExisting(dir, *existing, CreateMode{mode}, wanted, caller);
         }
+        const auto owner = utility::admitNew(dir, caller, wanted);
         const auto file = parent.CreateFile(args.name);
         if (mode == kExclusive && !dir.profile().isModern) return file->GetMetaData();
-        return utility::withAttributes(*file, wanted, utility::ownerIn(dir, caller));
+        return utility::withAttributes(*file, wanted, owner);
       },
       [&](std::string_view why) {
         log().dbg("Failed to create file [%1] in directory [%2]: [%3]", args.name, dir.path(), why);

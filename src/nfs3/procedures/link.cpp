@@ -12,7 +12,7 @@ namespace nfslib::nfs3::procedures {
 
 using nfs::OperationResult;
 
-void CLink::execute(MemoryStream& stream, NfsService& service) {
+void CLink::execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller) {
   const NfsHandle handle = utility::readHandle(stream, service);
   const DirOpArgs args = utility::readDirOpArgs(stream, service);
   utility::checkDecoded(stream);
@@ -27,6 +27,7 @@ void CLink::execute(MemoryStream& stream, NfsService& service) {
       service.profile(),
       [&] {
         requireEntryName(args.name);
+        utility::require(dir.permission(caller).toChangeEntries(dir.path(), dir.metaData()));
         const auto parent = dir.view().openDirectory(dir.path());
         parent->Link(args.name, fileView.openFile(filePath));
       },

@@ -8,15 +8,16 @@ namespace nfslib::nfs3::procedures {
 
 using nfs::OperationResult;
 
-void CLookupObject::execute(MemoryStream& stream, NfsService& service) {
+void CLookupObject::execute(MemoryStream& stream, NfsService& service,
+                            const rpc::AuthOpaque& caller) {
   const DirOpArgs args = utility::readDirOpArgs(stream, service);
   utility::checkDecoded(stream);
-  const auto [view, path] = utility::getPath(args, service);
+  const auto [view, path, directory] = utility::findEntry(args, service, caller);
   const MetaData md = view->getMetaData(path);
   log().dbg("lookupObject: path [%1]", path);
 
   const NfsHandle handle = view->getHandle(args.dir, path, md);
-  const MetaData dirMd = view->getMetaData(path.getParentPath());
+  const MetaData dirMd = directory ? *directory : view->getMetaData(path.getParentPath());
 
   stream << OperationResult::OK << handle << PostOpAttr{utility::getAttributes(*view, handle, md)}
          << PostOpAttr{utility::getAttributes(*view, args.dir, dirMd)};

@@ -18,8 +18,8 @@ void CMakeDirectory::execute(MemoryStream& stream, NfsService& service,
   utility::create(
       stream, dir, args.name,
       [&](Directory& parent) {
-        return utility::withAttributes(*parent.CreateSubdir(args.name), wanted,
-                                       utility::ownerIn(dir, caller));
+        const auto owner = utility::admitNew(dir, caller, wanted);
+        return utility::withAttributes(*parent.CreateSubdir(args.name), wanted, owner);
       },
       [&](std::string_view why) {
         log().dbg("Failed to create subdirectory [%1]: [%2]", dir.path() / args.name, why);

@@ -1,5 +1,6 @@
 #include "common/log.h"
 #include "common/xdr_records.h"
+#include "fs/entry_rights.h"
 #include "nfs3/arguments.h"
 #include "nfs3/attributes.h"
 #include "nfs3/limits.h"
@@ -36,18 +37,25 @@ CReadDirectory::Listing CReadDirectory::readListing(MemoryStream& stream, NfsSer
   return listing;
 }
 
-void CReadDirectory::execute(MemoryStream& stream, NfsService& service) {
+void CReadDirectory::requireRight(const Listing& listing, const rpc::AuthOpaque& caller) {
+  utility::require(permissionIn(*listing.view, caller).toList(listing.path, listing.md));
+}
+
+void CReadDirectory::execute(MemoryStream& stream, NfsService& service,
+                             const rpc::AuthOpaque& caller) {
   const Listing listing = readListing(stream, service);
   unsigned count = 0;
   stream >> count;
   utility::checkDecoded(stream);
   log().dbg("readDirectory: dirPath [%1] cookie [%2] count [%3]", listing.path, listing.cookie,
             count);
+  requireRight(listing, caller);
 
   list(stream, listing, count, 0, [](const std::string&, const MetaData&) {});
 }
 
-void CReadDirectory::executeExtended(MemoryStream& stream, NfsService& service) {
+void CReadDirectory::executeExtended(MemoryStream& stream, NfsService& service,
+                                     const rpc::AuthOpaque& caller) {
   const Listing listing = readListing(stream, service);
   unsigned dirCount = 0;
   unsigned maxCount = 0;
@@ -55,6 +63,7 @@ void CReadDirectory::executeExtended(MemoryStream& stream, NfsService& service) 
   utility::checkDecoded(stream);
   log().dbg("readDirectoryPlus: dirPath [%1] cookie [%2] dirCount [%3] maxCount [%4]", listing.path,
             listing.cookie, dirCount, maxCount);
+  requireRight(listing, caller);
 
   constexpr unsigned kExtraSize = kPostOpAttrSize + kWordSize + kHandleSize;
   list(stream, listing, maxCount, kExtraSize, [&](const std::string& name, const MetaData& md) {

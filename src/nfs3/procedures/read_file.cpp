@@ -1,5 +1,6 @@
 #include "common/log.h"
 #include "common/xdr_records.h"
+#include "fs/entry_rights.h"
 #include "fs/file_data.h"
 #include "nfs3/arguments.h"
 #include "nfs3/attributes.h"
@@ -26,7 +27,7 @@ unsigned roomForData(const MemoryStream& stream) {
 
 }  // namespace
 
-void CReadFile::execute(MemoryStream& stream, NfsService& service) {
+void CReadFile::execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller) {
   const NfsHandle handle = utility::readHandle(stream, service);
   const auto [view, path] = utility::getPath(handle, service);
   const MetaData md = view->getMetaData(path);
@@ -35,6 +36,7 @@ void CReadFile::execute(MemoryStream& stream, NfsService& service) {
   stream >> offset >> count;
   utility::checkDecoded(stream);
   log().dbg("readFile: path [%1], offset [%2], count[%3]", path, offset, count);
+  utility::require(permissionIn(*view, caller).toRead(path, md));
 
   // offset + count may be more than 64 bits hold; what is left of the file is not.
   const std::uint64_t left = md.size - std::min(md.size, offset);

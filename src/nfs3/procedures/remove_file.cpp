@@ -2,6 +2,7 @@
 #include "common/log.h"
 #include "common/xdr_records.h"
 #include "fs/entry_name.h"
+#include "fs/entry_rights.h"
 #include "nfs3/arguments.h"
 #include "nfs3/changing.h"
 #include "nfs3/procedures.h"
@@ -25,8 +26,8 @@ void requireKind(NfsFileSystem& view, const NfsPath& path, Kind kind) {
 }
 
 // REMOVE and RMDIR. In the classic profile both remove what has the name, whatever it is.
-void remove(MemoryStream& stream, NfsService& service, const char* line, Kind kind,
-            OperationResult (*statusOfRefusal)(std::string_view why)) {
+void remove(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller,
+            const char* line, Kind kind, OperationResult (*statusOfRefusal)(std::string_view why)) {
   const DirOpArgs args = utility::readDirOpArgs(stream, service);
   utility::checkDecoded(stream);
   const utility::Changing dir(args.dir, service);
@@ -38,7 +39,10 @@ void remove(MemoryStream& stream, NfsService& service, const char* line, Kind ki
       [&] {
         if (dir.profile().isModern) {
           requireEntryName(args.name);
+          utility::require(dir.permission(caller).toChangeEntries(dir.path(), dir.metaData()));
           requireKind(dir.view(), path, kind);
+          utility::require(
+              statusOfRemoving({dir.view(), dir.path(), dir.metaData(), args.name}, caller));
         }
         dir.view().remove(args.name, dir.path());
       },
@@ -54,17 +58,21 @@ void remove(MemoryStream& stream, NfsService& service, const char* line, Kind ki
 
 }  // namespace
 
-void CRemoveFile::execute(MemoryStream& stream, NfsService& service) {
-  remove(stream, service, "removeFile: path [%1]", Kind::Other,
+void CRemoveFile::execute(MemoryStream& stream, NfsService& service,
+                          const rpc::AuthOpaque& caller) {
+  remove(stream, service, caller, "removeFile: path [%1]", Kind::Other,
          [](std::string_view) { return OperationResult::NoEntry; });
 }
 
 // A host tells that a directory has entries by the words of its exception alone.
-void CRemoveDirectory::execute(MemoryStream& stream, NfsService& service) {
-  remove(stream, service, "removeDirectory: path [%1]", Kind::Directory, [](std::string_view why) {
-    return why.find("not empty") != std::string_view::npos ? OperationResult::DirectoryIsNotEmpty
-                                                           : OperationResult::NoEntry;
-  });
+void CRemoveDirectory::execute(MemoryStream& stream, NfsService& service,
+                               const rpc::AuthOpaque& caller) {
+  remove(stream, service, caller, "removeDirectory: path [%1]", Kind::Directory,
+         [](std::string_view why) {
+           return why.find("not empty") != std::string_view::npos
+                      ? OperationResult::DirectoryIsNotEmpty
+                      : OperationResult::NoEntry;
+         });
 }
 
 }  // namespace nfslib::nfs3::procedures

@@ -1,6 +1,7 @@
 #include "common/host_failure.h"
 #include "common/log.h"
 #include "common/xdr_records.h"
+#include "fs/entry_rights.h"
 #include "nfs3/arguments.h"
 #include "nfs3/changing.h"
 #include "nfs3/procedures.h"
@@ -11,7 +12,7 @@ namespace nfslib::nfs3::procedures {
 
 using nfs::OperationResult;
 
-void CRename::execute(MemoryStream& stream, NfsService& service) {
+void CRename::execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller) {
   const DirOpArgs from = utility::readDirOpArgs(stream, service);
   const DirOpArgs to = utility::readDirOpArgs(stream, service);
   utility::checkDecoded(stream);
@@ -25,7 +26,15 @@ void CRename::execute(MemoryStream& stream, NfsService& service) {
   const OperationResult status = statusOfHostCall(
       profile,
       [&] {
-        if (profile.isModern) utility::entryMetaData(fromDir.view(), source);
+        if (profile.isModern) {
+          for (const utility::Changing* dir : {&fromDir, &toDir}) {
+            utility::require(dir->permission(caller).toChangeEntries(dir->path(), dir->metaData()));
+          }
+          utility::entryMetaData(fromDir.view(), source);
+          utility::require(
+              statusOfMoving({fromDir.view(), fromDir.path(), fromDir.metaData(), from.name},
+                             {toDir.view(), toDir.path(), toDir.metaData(), to.name}, caller));
+        }
         const auto newParent = toDir.view().openDirectory(toDir.path());
         fromDir.view().moveEntry(from.name, fromDir.path(), newParent, to.name);
       },

@@ -1,6 +1,7 @@
 #include "common/host_failure.h"
 #include "common/log.h"
 #include "common/xdr_records.h"
+#include "fs/entry_rights.h"
 #include "nfs3/arguments.h"
 #include "nfs3/attributes.h"
 #include "nfs3/changing.h"
@@ -36,7 +37,8 @@ std::optional<Guard> readGuard(MemoryStream& stream) {
 
 }  // namespace
 
-void CSetAttributes::execute(MemoryStream& stream, NfsService& service) {
+void CSetAttributes::execute(MemoryStream& stream, NfsService& service,
+                             const rpc::AuthOpaque& caller) {
   const NfsHandle handle = utility::readHandle(stream, service);
   const auto [view, path] = utility::getPath(handle, service);
   // From the host: attributes that were kept for a while might be older than what others have
@@ -49,12 +51,16 @@ void CSetAttributes::execute(MemoryStream& stream, NfsService& service) {
   const std::optional<Guard> guard = readGuard(stream);
   utility::checkDecoded(stream);
   const Profile& profile = service.profile();
+  const nfslib::utility::Permission permission = permissionIn(*view, caller);
+  utility::require(permission.toSet(path, md, wanted.change()));
   // In the classic profile a guarded change is made like any other.
   if (profile.isModern && guard && !guard->lets(before)) {
     throw NfsOperationError(OperationResult::NotSync);
   }
 
+  const MetaData unchanged = md;
   wanted.applyTo(md);
+  permission.settleMode(unchanged, md, wanted.mode.has_value());
   const OperationResult status =
       statusOfHostCall(profile, [&, &changed = view, &at = path] { changed->setMetaData(at, md); });
   // The change moved times as well; whoever asks next gets those.

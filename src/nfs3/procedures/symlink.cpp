@@ -21,9 +21,9 @@ void CSymlink::execute(MemoryStream& stream, NfsService& service, const rpc::Aut
   utility::create(
       stream, dir, args.name,
       [&](Directory& parent) {
+        const auto owner = utility::admitNew(dir, caller, wanted);
         parent.CreateSymlink(args.name, target);
-        return utility::withAttributes(*parent.OpenSymlink(args.name), wanted,
-                                       utility::ownerIn(dir, caller));
+        return utility::withAttributes(*parent.OpenSymlink(args.name), wanted, owner);
       },
       [&](std::string_view why) {
         log().dbg("Failed to create symlink [%1]: [%2]", dir.path() / args.name, why);

@@ -16,7 +16,7 @@ using nfs::OperationResult;
 
 // The host has every byte before the reply, whatever stability the client asked for; so the client
 // is told that it got what it asked for.
-void CWriteFile::execute(MemoryStream& stream, NfsService& service) {
+void CWriteFile::execute(MemoryStream& stream, NfsService& service, const rpc::AuthOpaque& caller) {
   const utility::Changing file(utility::readHandle(stream, service), service);
   std::uint64_t offset = 0;
   unsigned count = 0;
@@ -29,6 +29,8 @@ void CWriteFile::execute(MemoryStream& stream, NfsService& service) {
     throw SystemNfsException(
         EINVAL, message("A write of [%1] bytes came with [%2] bytes of data.", count, data.size()));
   }
+
+  utility::require(file.permission(caller).toWrite(file.path(), file.metaData()));
 
   unsigned written = std::min(count, kMaxTransfer);
   OperationResult status = OperationResult::OK;

@@ -44,12 +44,13 @@ OperationResult CCheckAccess::execute(Call& call) {
     if (object.isPseudoRoot()) md.mode = 0555;  // everybody may pass, nobody may change it
     const bool isDirectory = isType(md, FileType::Directory);
     const Profile& profile = call.service.profile();
+    const auto* host = object.isPseudoRoot() ? nullptr : object.fileSystem->accessControl();
     for (const Right& right : profile.isModern ? kModernRights : kRights) {
       if (!(isDirectory ? right.ofDirectories : right.ofOthers)) continue;
       if (right.changes && (!call.writeEnabled || object.isPseudoRoot())) continue;
       supported |= right.bit;
       CProtocolUtils::checkPermission(object.path, md, call.caller, requested, right.bit, granted,
-                                      profile);
+                                      profile, host);
     }
     // Some clients take a bit that they have not asked about for an error.
     if (profile.isModern) supported &= requested;

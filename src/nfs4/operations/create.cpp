@@ -3,6 +3,7 @@
 #include "nfs4/change.h"
 #include "nfs4/names.h"
 #include "nfs4/operations.h"
+#include "nfs4/rights.h"
 
 #include <string>
 
@@ -50,6 +51,7 @@ OperationResult statusOf(const Call& call, const Arguments& args) {
 
 void create(const Call& call, const Arguments& args) {
   requireEntryName(args.name);
+  requireRightToMake(call, args.values);
   auto& object = call.current();
   const auto parent = object.fileSystem->openDirectory(object.path);
   if (args.type == FileType::Directory) {

@@ -4,6 +4,7 @@
 #include "nfs4/names.h"
 #include "nfs4/open_states.h"
 #include "nfs4/operations.h"
+#include "nfs4/rights.h"
 
 #include <optional>
 #include <string>
@@ -162,6 +163,8 @@ void openByHandle(Call& call, Arguments& args, OperationResult& status, ChangeIn
   if (status != OperationResult::OK) return;
   status = statusUnlessChangeable(call.current());
   if (status == OperationResult::OK) status = statusUnlessFile(call.current());
+  const bool resizes = args.attributes.size.has_value();
+  if (status == OperationResult::OK) status = statusOfOpening(call, args.shareAccess, resizes);
   if (status == OperationResult::OK) status = openCurrent(call, args, change);
 }
 
@@ -220,6 +223,7 @@ void createFile(Call& call, Arguments& args, OperationResult& status, ChangeInfo
       call.service.profile(),
       [&] {
         requireEntryName(args.name);
+        requireRightToMake(call, args.attributes);
         object.fileSystem->openDirectory(directory)->CreateFile(args.name);
       },
       [&](std::string_view why) {

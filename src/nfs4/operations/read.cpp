@@ -1,6 +1,7 @@
 #include "fs/file_data.h"
 #include "nfs4/open_states.h"
 #include "nfs4/operations.h"
+#include "nfs4/rights.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -26,6 +27,7 @@ OperationResult CRead::execute(Call& call) {
   const auto& object = call.current();
   std::shared_ptr<File> file;
   OperationResult status = statusUnlessFile(object);
+  if (status == OperationResult::OK) status = statusOfReading(call, stateId);
   if (status == OperationResult::OK) {
     status = openStates(call).use(call, stateId, OpenStates::Use::Read, file);
   }

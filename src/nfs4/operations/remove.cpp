@@ -1,6 +1,7 @@
 #include "nfs4/change.h"
 #include "nfs4/names.h"
 #include "nfs4/operations.h"
+#include "nfs4/rights.h"
 
 #include <string>
 
@@ -35,6 +36,7 @@ OperationResult CRemove::execute(Call& call) {
     status = statusOfHostCall(
         call.service.profile(),
         [&] {
+          requireRightToRemove(call, name);
           object.fileSystem->remove(name, object.path);
           object.fileSystem->recordRemoval(object.path / name);
           object.fileSystem->openDirectory(object.path);

@@ -1,6 +1,7 @@
 #include "nfs4/change.h"
 #include "nfs4/names.h"
 #include "nfs4/operations.h"
+#include "nfs4/rights.h"
 
 #include <string>
 
@@ -49,6 +50,7 @@ OperationResult CRename::execute(Call& call) {
     status = statusOfHostCall(
         call.service.profile(),
         [&] {
+          requireRightToMove(call, oldName, newName);
           from.fileSystem->moveEntry(oldName, from.path, to.fileSystem->openDirectory(to.path),
                                      newName);
         },

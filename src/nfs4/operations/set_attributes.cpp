@@ -2,6 +2,7 @@
 #include "nfs4/change.h"
 #include "nfs4/open_states.h"
 #include "nfs4/operations.h"
+#include "nfs4/rights.h"
 
 namespace nfslib::nfs4::operations {
 
@@ -30,6 +31,7 @@ OperationResult CSetAttributes::execute(Call& call) {
   const Nfs4SetAttributes values =
       readWritableAttributes(call.stream, bitmap, status, attributeTable(call));
   checkDecoded(call);
+  if (status == OperationResult::OK) status = statusOfSetting(call, stateId, values);
   Bitmap applied;
   if (status == OperationResult::OK) {
     status =

@@ -3,6 +3,7 @@
 #include "nfs4/open_states.h"
 #include "nfs4/operations.h"
 #include "nfs4/read_write_directory_cache.h"
+#include "nfs4/rights.h"
 
 #include <cstdint>
 
@@ -46,6 +47,7 @@ OperationResult CWrite::execute(Call& call) {
 
   OperationResult status = statusUnlessChangeable(call.current());
   if (status == OperationResult::OK) status = statusUnlessFile(call.current());
+  if (status == OperationResult::OK) status = statusOfWriting(call, stateId);
   std::shared_ptr<File> file;
   if (status == OperationResult::OK) {
     status = openStates(call).use(call, stateId, OpenStates::Use::Write, file);
