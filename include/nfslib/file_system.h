@@ -177,8 +177,10 @@ struct Caller {
 /// both when a client inquires (ACCESS, RFC 1813 section 3.3.4 and RFC 7530 section 16.1) and when
 /// a call is to be let or refused. The two agree as long as it answers alike.
 ///
-/// Not asked: to find an object by its handle, to read attributes or the target of a symbolic link,
-/// or to read and write through what a client of version 4 has open already.
+/// Not asked: to find an object by its handle, and to read attributes or the target of a symbolic
+/// link. What a client of version 4 has open it may go on using, whatever the answer is by then.
+/// Who may be named as the owner of what is made stays as it is without this class: its maker, and
+/// a group of the maker's.
 class NFSLIB_EXPORT IAccessControl {
  public:
   /// What a caller may be allowed; bits, to be put together.
