@@ -52,6 +52,19 @@ MemoryStream& operator<<(MemoryStream& out, const FsObjectStateId& value) {
   return out << value.sequenceId << value.other;
 }
 
+MemoryStream& operator>>(MemoryStream& in, StateOwner& value) {
+  in >> value.clientId >> value.name;
+  if (value.name.size() > StateOwner::kLongestName) in.errorOccurred();
+  return in;
+}
+MemoryStream& operator<<(MemoryStream& out, const StateOwner& value) {
+  return out << value.clientId << value.name;
+}
+
+MemoryStream& operator<<(MemoryStream& out, const LockDenied& value) {
+  return out << value.offset << value.length << value.lockType << value.owner;
+}
+
 MemoryStream& operator<<(MemoryStream& out, const ChangeInfo& value) {
   return out << value.atomic << value.before << value.after;
 }

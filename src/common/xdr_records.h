@@ -65,6 +65,24 @@ struct FsObjectStateId {
   bool operator==(const FsObjectStateId&) const = default;
 };
 
+// open_owner4, lock_owner4: state_owner4 of RFC 8881
+struct StateOwner {
+  static constexpr std::size_t kLongestName = 1024;  // NFS4_OPAQUE_LIMIT
+
+  std::uint64_t clientId = 0;
+  std::string name;
+
+  auto operator<=>(const StateOwner&) const = default;
+};
+
+// LOCK4denied
+struct LockDenied {
+  std::uint64_t offset = 0;
+  std::uint64_t length = 0;    // all ones: to the end, wherever that is
+  std::uint32_t lockType = 0;  // nfs_lock_type4
+  StateOwner owner;
+};
+
 // change_info4
 struct ChangeInfo {
   bool atomic = false;
@@ -125,6 +143,10 @@ MemoryStream& operator>>(MemoryStream& in, NfsHandle& value);
 MemoryStream& operator<<(MemoryStream& out, const NfsHandle& value);
 MemoryStream& operator>>(MemoryStream& in, FsObjectStateId& value);
 MemoryStream& operator<<(MemoryStream& out, const FsObjectStateId& value);
+// A name that is too long marks the stream failed.
+MemoryStream& operator>>(MemoryStream& in, StateOwner& value);
+MemoryStream& operator<<(MemoryStream& out, const StateOwner& value);
+MemoryStream& operator<<(MemoryStream& out, const LockDenied& value);
 MemoryStream& operator<<(MemoryStream& out, const ChangeInfo& value);
 MemoryStream& operator>>(MemoryStream& in, ClientOwner& value);
 MemoryStream& operator<<(MemoryStream& out, const ServerOwner& value);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "common/status.h"
+#include "common/xdr_records.h"
 #include "nfs4/call.h"
 
 #include <cstddef>
@@ -15,7 +17,7 @@ inline bool isOneComponent(std::string_view name) {
 }
 
 // NFS4_OPAQUE_LIMIT, RFC 7530 section 2.1: the longest name that an owner gives itself.
-constexpr std::size_t kLongestOwner = 1024;  // bytes
+constexpr std::size_t kLongestOwner = StateOwner::kLongestName;  // bytes
 
 inline nfs::OperationResult statusIfTooLong(const Call& call, const std::string& name) {
   return name.size() > call.service.profile().longestName ? nfs::OperationResult::FileNameIsTooLong
