@@ -23,10 +23,12 @@ class OpenStates {
     std::string owner;
     unsigned access = kShareBoth;
     unsigned deny = kShareNone;
+    bool needsConfirmation = false;  // the stateid is good for nothing but OPEN_CONFIRM
   };
   struct Opened {
     FsObjectStateId stateId;
     bool isNew = false;  // the owner did not have the file open
+    unsigned flags = 0;  // OPEN4_RESULT_*
   };
   // Changing attributes other than the size needs nothing open.
   enum class Use { Read, Write, Resize, Touch };

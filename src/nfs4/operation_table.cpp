@@ -54,6 +54,9 @@ constexpr std::array kModernOperations{
     Operation{5, "COMMIT", Rule::Any, CCommit::execute},
     Operation{7, "DELEGPURGE", Rule::Any, CDelegationPurge::execute},
     Operation{8, "DELEGRETURN", Rule::Any, CDelegationReturn::execute},
+    Operation{12, "LOCK", Rule::Any, CLock::execute},
+    Operation{13, "LOCKT", Rule::Any, CLockTest::execute},
+    Operation{14, "LOCKU", Rule::Any, CUnlock::execute},
     Operation{20, "OPEN_CONFIRM", Rule::Any, COpenConfirm::execute, Minors::Only0},
     Operation{21, "OPEN_DOWNGRADE", Rule::Any, COpenDowngrade::execute},
     // Clients give up what is stale and ask again; "bad" they take for a fault of theirs.

@@ -45,6 +45,18 @@ struct CGetFileHandle {
 struct CLink {
   static nfs::OperationResult execute(Call& call);
 };
+// LOCK (12), section 16.10
+struct CLock {
+  static nfs::OperationResult execute(Call& call);
+};
+// LOCKT (13), section 16.11
+struct CLockTest {
+  static nfs::OperationResult execute(Call& call);
+};
+// LOCKU (14), section 16.12
+struct CUnlock {
+  static nfs::OperationResult execute(Call& call);
+};
 // LOOKUP (15), section 16.13
 struct CLookup {
   static nfs::OperationResult execute(Call& call);

@@ -1,8 +1,5 @@
-#include "nfs4/client.h"
 #include "nfs4/open_states.h"
-#include "nfs4/state_table.h"
-
-#include <algorithm>
+#include "nfs4/state_references.h"
 
 namespace nfslib::nfs4 {
 
@@ -10,39 +7,9 @@ using nfs::OperationResult;
 
 namespace {
 
-constexpr std::uint64_t kNoClient = 0;
-
-bool isFilledWith(const FsObjectStateId& id, std::byte value) {
-  return std::ranges::all_of(id.other.bytes, [&](std::byte byte) { return byte == value; });
-}
-// Those that stand for no open, RFC 7530 section 9.1.4.3 and RFC 8881 section 8.2.3.
-bool isAnonymous(const FsObjectStateId& id) {
-  return id.sequenceId == 0 && isFilledWith(id, std::byte{0});
-}
-bool isBypass(const FsObjectStateId& id) {
-  return id.sequenceId == ~0U && isFilledWith(id, std::byte{0xFF});
-}
-// The one that the COMPOUND itself has come by.
-bool isCurrent(const FsObjectStateId& id) {
-  return id.sequenceId == 1 && isFilledWith(id, std::byte{0});
-}
-
-StateTable::FileKey keyOf(const NfsHandle& handle) {
-  return {handle.fileSystemId, handle.objectId};
-}
-
-StateTable::Reference referenceOf(const Call& call, const FsObjectStateId& id) {
-  const auto& object = call.current();
-  const std::uint64_t client = call.session().clientId();
-  const bool isOwn = client != kNoClient && isCurrent(id);
-  return {isOwn ? FsObjectStateId{object.stateSequenceId, object.stateOther} : id, client,
-          keyOf(object.handle)};
-}
-
-void setCurrentStateId(const Call& call, const FsObjectStateId& id) {
-  call.current().stateSequenceId = id.sequenceId;
-  call.current().stateOther = id.other;
-}
+// The result flags of OPEN, RFC 7530 section 16.16
+constexpr unsigned kMustConfirm = 2;  // OPEN4_RESULT_CONFIRM
+constexpr unsigned kLocksSplit = 4;   // OPEN4_RESULT_LOCKTYPE_POSIX
 
 OperationResult checkShare(const Call& call, const OpenStates::Request& request) {
   if (request.access == kShareNone || request.access > kShareBoth || request.deny > kShareBoth) {
@@ -55,27 +22,32 @@ OperationResult checkShare(const Call& call, const OpenStates::Request& request)
 class StateIdOpenStates final : public OpenStates {
  public:
   OperationResult open(Call& call, const Request& request, Opened& opened) const override {
-    StateTable::Owner owner{call.session().clientId(), request.owner};
-    if (owner.clientId == kNoClient) {
-      owner.clientId = request.clientId;
-      const auto client = call.service.findClientById(owner.clientId);
-      if (!client || client->getMinorVersion() != 0) return OperationResult::StaleClientId;
-    }
-    OperationResult status = checkShare(call, request);
+    StateTable::Owner owner{request.clientId, request.owner};
+    OperationResult status = statusOfOwner(call, owner);
+    if (status == OperationResult::OK) status = checkShare(call, request);
     if (status != OperationResult::OK) return status;
     const auto& object = call.current();
+    StateTable& table = call.service.openFiles();
     StateTable::Held held{object.fileSystem->openFile(object.path), object.path};
     StateTable::Opened entered;
-    status = call.service.openFiles().open(keyOf(object.handle), owner, request.access,
-                                           request.deny, std::move(held), entered);
-    opened = {entered.id, entered.isNew};
-    if (status == OperationResult::OK) setCurrentStateId(call, opened.stateId);
-    return status;
+    status = table.open(keyOf(object.handle), owner,
+                        {request.access, request.deny, !request.needsConfirmation}, std::move(held),
+                        entered);
+    if (status != OperationResult::OK) return status;
+    if (!call.service.findClientById(owner.clientId)) {
+      // It was dropped meanwhile, and nobody else would take this away.
+      table.dropClient(owner.clientId);
+      const bool hasSession = call.session().clientId() != kNoClient;
+      return hasSession ? OperationResult::DeadSession : OperationResult::StaleClientId;
+    }
+    opened = {entered.id, entered.isNew,
+              kLocksSplit | (request.needsConfirmation ? kMustConfirm : 0)};
+    setCurrentStateId(call, opened.stateId);
+    return OperationResult::OK;
   }
 
   void takeBack(Call& call, const Opened& opened) const override {
-    FsObjectStateId unused;
-    call.service.openFiles().close(referenceOf(call, opened.stateId), unused);
+    call.service.openFiles().takeBack(opened.stateId);
   }
 
   OperationResult close(Call& call, FsObjectStateId& stateId) const override {

@@ -1,5 +1,5 @@
 #include "nfs4/client.h"
-#include "support/nfs4_fixture.h"
+#include "support/nfs4_states.h"
 
 // The modern profile: state by stateids, and the operations that the clients of today expect.
 
@@ -8,64 +8,19 @@ namespace {
 
 using ::testing::ElementsAre;
 
-constexpr unsigned kStaleHandle = 70, kLocked = 10012, kShareDenied = 10015, kStaleStateId = 10023,
-                   kOldStateId = 10024, kBadStateId = 10025, kOpenMode = 10038, kIllegal = 10044,
-                   kLocksHeld = 10037, kNotSupported = 10004, kBusy = 10074;
-constexpr unsigned kRead = 1, kWrite = 2, kBoth = 3;
+constexpr unsigned kIllegal = 10044, kNotSupported = 10004, kBusy = 10074;
 const FsObjectStateId kBypass = [] {
   FsObjectStateId id{~0U, {}};
   id.other.bytes.fill(std::byte{0xFF});
   return id;
 }();
 
-class ModernStateTest : public BothVersionsTest {
- protected:
-  ModernStateTest() {
-    service.setProfile(profileOf(NfsServerPolicy::modern()));
-    dir("/d");
-    file("/d/f", "content");
-    file("/d/g", "another");
-  }
-  void SetUp() override {
-    BothVersionsTest::SetUp();
-    serve(true);
-    if (minorVersion == 0) client = setClientId("client");
-  }
-
-  Compound opening(const std::string& path, const std::string& owner = "owner",
-                   unsigned access = kBoth, unsigned deny = 0) {
-    return at(path).add(op::kOpen, 0U, access, deny, client, owner, kNoCreate, kByHandle);
-  }
-  static FsObjectStateId stateIdIn(const Answer& answer) {
-    MemoryStream in;
-    const auto& bytes = answer.results.at(answer.results.size() - 1).bytes;
-    in.setInputData({bytes.data(), bytes.size()});
-    FsObjectStateId id;
-    in >> id;
-    return id;
-  }
-  FsObjectStateId open(const Compound& compound) {
-    const Answer answer = run(compound);
-    EXPECT_EQ(answer.status, kOk);
-    return answer.status == kOk ? stateIdIn(answer) : FsObjectStateId{};
-  }
-  Answer read(const std::string& path, const FsObjectStateId& id) {
-    return run(at(path).add(op::kRead, id, std::uint64_t{0}, 100U));
-  }
-  unsigned write(const std::string& path, const FsObjectStateId& id, const std::string& data) {
-    return status(at(path).add(op::kWrite, id, std::uint64_t{0}, 2U, data));
-  }
-  Answer close(const std::string& path, const FsObjectStateId& id) {
-    return run(at(path).add(op::kClose, 0U, id));
-  }
-
-  std::uint64_t client = 0;  // of minor version 0
-};
+class ModernStateTest : public StatesTest {};
 
 TEST_P(ModernStateTest, FindsWhatIsOpenByItsStateId) {
-  const FsObjectStateId f = open(opening("/d/f"));
-  const FsObjectStateId g = open(opening("/d/g"));
-  const FsObjectStateId second = open(opening("/d/f", "second owner"));
+  const FsObjectStateId f = open(one, "/d/f");
+  const FsObjectStateId g = open(one, "/d/g");
+  const FsObjectStateId second = open(one, "/d/f", "second owner");
   EXPECT_EQ(f.sequenceId, 1U);
   EXPECT_NE(f.other, g.other);
   EXPECT_NE(f.other, second.other);
@@ -74,18 +29,18 @@ TEST_P(ModernStateTest, FindsWhatIsOpenByItsStateId) {
   EXPECT_EQ(read("/d/f", g).status, kBadStateId);
 
   // The same owner opens further: the same state, one step on.
-  const FsObjectStateId again = open(opening("/d/f"));
+  const FsObjectStateId again = open(one, "/d/f");
   EXPECT_EQ(again, (FsObjectStateId{2, f.other}));
   EXPECT_EQ(read("/d/f", f).status, kOldStateId);
   EXPECT_EQ(read("/d/f", {3, f.other}).status, kBadStateId);
   EXPECT_EQ(read("/d/f", {0, f.other}).status, minorVersion == 0 ? kOldStateId : kOk);
 
-  const Answer closed = close("/d/f", again);
+  const Answer closed = close(one, "/d/f", again);
   EXPECT_EQ(closed.status, kOk);
   const FsObjectStateId invalid{~0U, {}};
   EXPECT_EQ(stateIdIn(closed), minorVersion == 0 ? (FsObjectStateId{3, f.other}) : invalid);
   EXPECT_EQ(read("/d/f", again).status, kBadStateId);
-  EXPECT_EQ(close("/d/f", again).status, kBadStateId);
+  EXPECT_EQ(close(one, "/d/f", again).status, kBadStateId);
   EXPECT_EQ(read("/d/f", second).status, kOk);
 
   FsObjectStateId foreign = g;
@@ -94,35 +49,35 @@ TEST_P(ModernStateTest, FindsWhatIsOpenByItsStateId) {
 }
 
 TEST_P(ModernStateTest, SharesFilesAsTheirOpenersAllow) {
-  const FsObjectStateId reader = open(opening("/d/f", "reader", kRead, kWrite));
-  EXPECT_EQ(status(opening("/d/f", "writer", kWrite)), kShareDenied);
-  EXPECT_EQ(status(opening("/d/f", "jealous", kRead, kRead)), kShareDenied);
+  const FsObjectStateId reader = open(one, "/d/f", "reader", kReadAccess, kWriteAccess);
+  EXPECT_EQ(status(opening(one, "/d/f", "writer", kWriteAccess)), kShareDenied);
+  EXPECT_EQ(status(opening(one, "/d/f", "jealous", kReadAccess, kReadAccess)), kShareDenied);
   EXPECT_EQ(write("/d/f", reader, "x"), kOpenMode);
   EXPECT_EQ(write("/d/f", kNoState, "x"), kLocked);
   const Compound truncate = at("/d/f").add(op::kSetAttr, kNoState, fattr4(kSize, std::uint64_t{0}));
   EXPECT_EQ(status(truncate), kLocked);
   EXPECT_EQ(read("/d/f", kNoState).status, kOk);
-  EXPECT_EQ(close("/d/f", reader).status, kOk);
+  EXPECT_EQ(close(one, "/d/f", reader, "reader").status, kOk);
 
-  EXPECT_EQ(status(opening("/d/f", "nobody", 0)), kInvalid);
-  EXPECT_EQ(status(opening("/d/f", "nobody", 4)), kInvalid);
-  const FsObjectStateId alone = open(opening("/d/f", "alone", kBoth, kBoth));
+  EXPECT_EQ(status(opening(one, "/d/f", "nobody", 0)), kInvalid);
+  EXPECT_EQ(status(opening(one, "/d/f", "nobody", 4)), kInvalid);
+  const FsObjectStateId alone = open(one, "/d/f", "alone", kBothAccess, kBothAccess);
   EXPECT_EQ(read("/d/f", kNoState).status, kLocked);
   EXPECT_EQ(read("/d/f", kBypass).status, kOk);
   const auto narrowed = [&](const FsObjectStateId& id, unsigned access, unsigned deny) {
-    return run(at("/d/f").add(21U, id, 0U, access, deny));
+    return narrow(one, "/d/f", id, access, deny, "alone");
   };
   EXPECT_EQ(narrowed(alone, 0, 0).status, kInvalid);
-  const Answer answer = narrowed(alone, kRead, 0);
+  const Answer answer = narrowed(alone, kReadAccess, 0);
   EXPECT_EQ(stateIdIn(answer), (FsObjectStateId{2, alone.other}));
-  EXPECT_EQ(narrowed(stateIdIn(answer), kBoth, 0).status, kInvalid);
+  EXPECT_EQ(narrowed(stateIdIn(answer), kBothAccess, 0).status, kInvalid);
   EXPECT_EQ(write("/d/f", stateIdIn(answer), "x"), kOpenMode);
   EXPECT_EQ(write("/d/f", kNoState, "C"), kOk);
   EXPECT_EQ(contentOf("/d/f"), "Content");
 }
 
 TEST_P(ModernStateTest, StateGoesWithItsClientAndItsExport) {
-  const FsObjectStateId f = open(opening("/d/f"));
+  const FsObjectStateId f = open(one, "/d/f");
   EXPECT_EQ(read("/d/f", f).status, kOk);
   if (minorVersion == 1) {
     ClientSession other = makeSession("another client");
@@ -133,15 +88,15 @@ TEST_P(ModernStateTest, StateGoesWithItsClientAndItsExport) {
     EXPECT_EQ(send4(1, Compound().add(op::kDestroyClientId, id)).status, kBusy);
   } else {
     // The same client, then another one, then the first one started anew.
-    EXPECT_EQ(setClientId("client"), client);
-    EXPECT_NE(setClientId("another client"), client);
+    EXPECT_EQ(setClientId("client"), one.id);
+    EXPECT_NE(setClientId("another client"), one.id);
     EXPECT_EQ(read("/d/f", f).status, kOk);
-    service.deleteClientId(client);
+    service.deleteClientId(one.id);
     EXPECT_EQ(read("/d/f", f).status, kBadStateId);
-    EXPECT_EQ(status(opening("/d/f")), kStaleClient);
+    EXPECT_EQ(status(opening(one, "/d/f")), kStaleClient);
   }
   service.openFiles().dropFileSystem(root.fileSystemId);
-  EXPECT_FALSE(service.openFiles().hasState(client));
+  EXPECT_FALSE(service.openFiles().hasState(one.id));
 }
 
 TEST_P(ModernStateTest, NothingIsLeftForTheNextCompound) {
@@ -160,12 +115,12 @@ TEST_P(ModernStateTest, EachMinorVersionHasItsOperations) {
   EXPECT_EQ(status(at("/d").add(33U, "missing"s)), kNoEntry);
   EXPECT_EQ(status(Compound().add(23U).lookup("export")), kOk);
   EXPECT_EQ(status(at("/d/f").add(8U, kNoState)), kBadStateId);
-  const FsObjectStateId f = open(opening("/d/f"));
+  const FsObjectStateId f = open(one, "/d/f");
   if (minorVersion == 0) {
-    EXPECT_EQ(status(Compound().add(30U, client)), kOk);
-    EXPECT_EQ(status(Compound().add(30U, client + 1)), kStaleClient);
-    EXPECT_EQ(status(Compound().add(39U, client, "owner"s)), kOk);
-    EXPECT_EQ(run(at("/d/f").add(20U, f, 1U)).body(), wire(f));
+    EXPECT_EQ(status(Compound().add(30U, one.id)), kOk);
+    EXPECT_EQ(status(Compound().add(30U, one.id + 1)), kStaleClient);
+    EXPECT_EQ(status(Compound().add(39U, one.id, "owner"s)), kOk);
+    EXPECT_EQ(run(one, confirming(one, "/d/f", f)).status, kBadStateId);
     EXPECT_EQ(run(Compound().add(55U, 0U)).results.at(0).operation, kIllegal);
   } else {
     EXPECT_EQ(status(Compound().add(30U, std::uint64_t{1})), kNotSupported);
@@ -178,7 +133,7 @@ TEST_P(ModernStateTest, EachMinorVersionHasItsOperations) {
     EXPECT_EQ(send4(1, Compound().add(41U, own.id, 3U, false)).body(), wire(own.id, 1U, 0U));
     // The state that the COMPOUND has come by itself.
     const Compound current =
-        opening("/d/f").add(op::kRead, FsObjectStateId{1, {}}, std::uint64_t{0}, 100U);
+        opening(one, "/d/f").add(op::kRead, FsObjectStateId{1, {}}, std::uint64_t{0}, 100U);
     EXPECT_EQ(run(current).body(), wire(1U, "content"s));
   }
 }
@@ -197,8 +152,8 @@ TEST_P(ModernStateTest, TheSavedObjectsStateIdComesBackWithIt) {
 
 TEST_P(ModernStateTest, ExclusiveCreationIsRepeatedByItsVerifier) {
   const auto create = [&](std::uint64_t verifier) {
-    return status(at("/d").add(op::kOpen, 0U, kBoth, 0U, client, "owner"s, exclusive(verifier),
-                               byName("new")));
+    return status(at("/d").add(op::kOpen, 0U, kBothAccess, 0U, one.id, "owner"s,
+                               exclusive(verifier), byName("new")));
   };
   EXPECT_EQ(create(1), kOk);
   EXPECT_EQ(create(1), kOk);
@@ -213,7 +168,7 @@ TEST_P(ModernStateTest, WhatIsMadeBelongsToItsMaker) {
   view->dropMetaData(NfsPath("/d"));
   caller4.caller.uid = 50;
   caller4.caller.gid = 60;
-  EXPECT_EQ(status(at("/d").add(op::kOpen, 0U, kBoth, 0U, client, "owner"s,
+  EXPECT_EQ(status(at("/d").add(op::kOpen, 0U, kBothAccess, 0U, one.id, "owner"s,
                                 unchecked(fattr4({0, 2}, 0444U)), byName("file"))),
             kOk);
   EXPECT_EQ(status(at("/d").add(op::kCreate, 2U, "directory"s, kNoAttributes)), kOk);
@@ -223,9 +178,9 @@ TEST_P(ModernStateTest, WhatIsMadeBelongsToItsMaker) {
   }
   // Its owner may write what was made read-only; only bits that were asked for are told of.
   EXPECT_EQ(run(at("/d/file").add(op::kAccess, 0x0CU)).body(), wire(0x0CU, 0x0CU));
-  EXPECT_EQ(
-      status(at("/d").add(op::kOpen, 0U, kBoth, 0U, client, "owner"s, kNoCreate, byName("file"))),
-      kOk);
+  EXPECT_EQ(status(at("/d").add(op::kOpen, 0U, kBothAccess, 0U, one.id, "owner"s, kNoCreate,
+                                byName("file"))),
+            kOk);
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, ModernStateTest, ::testing::Values(0U, 1U), minorVersionName);

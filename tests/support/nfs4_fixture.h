@@ -24,21 +24,21 @@ using nfs4::Bitmap;
 // Operations by number, RFC 7530 section 13.1 and RFC 5661 section 17.
 namespace op {
 constexpr unsigned kAccess = 3, kClose = 4, kCreate = 6, kGetAttr = 9, kGetFh = 10, kLink = 11,
-                   kLookup = 15, kLookupP = 16, kNVerify = 17, kOpen = 18, kPutFh = 22,
-                   kPutRootFh = 24, kRead = 25, kReadDir = 26, kReadLink = 27, kRemove = 28,
-                   kRename = 29, kRestoreFh = 31, kSaveFh = 32, kSetAttr = 34, kSetClientId = 35,
-                   kSetClientIdConfirm = 36, kVerify = 37, kWrite = 38, kExchangeId = 42,
-                   kCreateSession = 43, kDestroySession = 44, kSequence = 53, kDestroyClientId = 57,
-                   kReclaimComplete = 58;
+                   kLock = 12, kLockT = 13, kLockU = 14, kLookup = 15, kLookupP = 16, kNVerify = 17,
+                   kOpen = 18, kPutFh = 22, kPutRootFh = 24, kRead = 25, kReadDir = 26,
+                   kReadLink = 27, kRemove = 28, kRename = 29, kRestoreFh = 31, kSaveFh = 32,
+                   kSetAttr = 34, kSetClientId = 35, kSetClientIdConfirm = 36, kVerify = 37,
+                   kWrite = 38, kExchangeId = 42, kCreateSession = 43, kDestroySession = 44,
+                   kSequence = 53, kDestroyClientId = 57, kReclaimComplete = 58;
 }  // namespace op
 
 // Statuses, RFC 7530 section 13 and RFC 5661 section 15.
-constexpr unsigned kIo = 5, kExists = 17, kNotDirectory = 20, kIsDirectory = 21, kInvalid = 22,
-                   kNoSpace = 28, kReadOnly = 30, kTooLong = 63, kNotEmpty = 66, kBadHandle = 10001,
-                   kTooSmall = 10005, kServerFault = 10006, kBadType = 10007, kSame = 10009,
-                   kInUse = 10017, kNoFileHandle = 10020, kStaleClient = 10022, kResource = 10018,
-                   kNotSame = 10027, kIsLink = 10029, kUnsupported = 10032, kBadXdr = 10036,
-                   kBadSession = 10052, kBadSlot = 10053, kMisordered = 10063,
+constexpr unsigned kDenied = 10010, kIo = 5, kExists = 17, kNotDirectory = 20, kIsDirectory = 21,
+                   kInvalid = 22, kNoSpace = 28, kReadOnly = 30, kTooLong = 63, kNotEmpty = 66,
+                   kBadHandle = 10001, kTooSmall = 10005, kServerFault = 10006, kBadType = 10007,
+                   kSame = 10009, kInUse = 10017, kNoFileHandle = 10020, kStaleClient = 10022,
+                   kResource = 10018, kNotSame = 10027, kIsLink = 10029, kUnsupported = 10032,
+                   kBadXdr = 10036, kBadSession = 10052, kBadSlot = 10053, kMisordered = 10063,
                    kRequestTooBig = 10065, kReplyTooBig = 10066, kReplyTooBigToCache = 10067,
                    kTooManyOperations = 10070, kClientBusy = 10074, kWrongType = 10083;
 
@@ -135,6 +135,7 @@ inline void skipResult(MemoryStream& in, unsigned operation) {
   static const std::map<unsigned, unsigned> kFixedSizes{
       {op::kAccess, 8},  {op::kClose, 16},       {op::kLink, 20},  {op::kRemove, 20},
       {op::kRename, 40}, {op::kSetClientId, 16}, {op::kWrite, 16}, {op::kSequence, 36},
+      {op::kLock, 16},   {op::kLockU, 16},
   };
   const auto skip = [&](unsigned bytes) {
     if (in.skipInput(bytes) != bytes) in.errorOccurred();
@@ -274,6 +275,9 @@ class Nfs4Test : public Nfs3Test {
         skipResult(in, result.operation);
       } else if (result.operation == op::kSetClientId && result.status == kInUse) {
         in.readOpaque();  // clientaddr4
+        in.readOpaque();
+      } else if (result.status == kDenied) {
+        in.skipInput(28);
         in.readOpaque();
       }
       result.bytes.assign(start, reply.results.end() - in.getInputDataSize());

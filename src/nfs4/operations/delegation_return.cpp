@@ -1,4 +1,5 @@
 #include "nfs4/operations.h"
+#include "nfs4/state_references.h"
 
 namespace nfslib::nfs4::operations {
 
@@ -10,8 +11,9 @@ OperationResult CDelegationReturn::execute(Call& call) {
   call.stream >> stateId;
   checkDecoded(call);
   log().dbg("Delegation return: stateId [%1]", textOf(stateId));
-  const OperationResult status = statusUnlessSet(call.current());
-  return respond(call, 8, status == OperationResult::OK ? OperationResult::BadStateId : status);
+  OperationResult status = statusUnlessSet(call.current());
+  if (status == OperationResult::OK) status = statusOfUseless(call, stateId);
+  return respond(call, 8, status);
 }
 
 }  // namespace nfslib::nfs4::operations

@@ -11,9 +11,8 @@ OperationResult CFreeStateId::execute(Call& call) {
   checkDecoded(call);
   log().dbg("Free state ID: [%1]", textOf(stateId));
 
-  // Only CLOSE ends an open.
-  const OperationResult status = call.service.openFiles().test(stateId, call.session().clientId());
-  return respond(call, 45, status == OperationResult::OK ? OperationResult::LocksHeld : status);
+  const OperationResult status = call.service.openFiles().free(stateId, call.session().clientId());
+  return respond(call, 45, status);
 }
 
 }  // namespace nfslib::nfs4::operations

@@ -4,6 +4,7 @@
 #include "nfs4/names.h"
 #include "nfs4/open_states.h"
 #include "nfs4/operations.h"
+#include "nfs4/owner_turn.h"
 #include "nfs4/rights.h"
 
 #include <optional>
@@ -44,6 +45,7 @@ struct Arguments {
   Nfs4SetAttributes attributes;
   Claim claim = Claim::CLAIM_NULL;
   std::string name;
+  bool needsConfirmation = false;
   OpenStates::Opened opened;
 
   bool creates() const { return type == kCreate; }
@@ -149,12 +151,14 @@ OperationResult statusOfClaim(Claim claim) {
 OperationResult openCurrent(Call& call, Arguments& args, ChangeInfo& change) {
   constexpr unsigned kWants = 0x3'FF00;  // OPEN4_SHARE_ACCESS_WANT_*: hints on delegations
   const auto& object = call.current();
-  const OperationResult status = openStates(call).open(call,
-                                                       {.clientId = args.clientId,
-                                                        .owner = args.owner,
-                                                        .access = args.shareAccess & ~kWants,
-                                                        .deny = args.shareDeny},
-                                                       args.opened);
+  const OperationResult status =
+      openStates(call).open(call,
+                            {.clientId = args.clientId,
+                             .owner = args.owner,
+                             .access = args.shareAccess & ~kWants,
+                             .deny = args.shareDeny,
+                             .needsConfirmation = args.needsConfirmation},
+                            args.opened);
   change = {false, object.metaData.modifyTime, object.metaData.modifyTime};
   return status;
 }
@@ -257,20 +261,8 @@ OperationResult setSentAttributes(Call& call, const Arguments& args, Bitmap& app
       });
 }
 
-}  // namespace
-
-OperationResult COpen::execute(Call& call) {
-  OperationResult status = OperationResult::OK;
-  Arguments args = readArguments(call, status);
-  if (args.owner.size() > kLongestOwner) call.stream.errorOccurred();
-  checkDecoded(call);
-  if (args.creates() && !call.writeEnabled) status = OperationResult::ReadOnlyFileSystem;
-  if (status == OperationResult::OK && call.service.profile().refusesReclaims) {
-    status = statusOfClaim(args.claim);
-  }
-  log().dbg("Open: sequenceId [%1], type [%2], claim type [%3], name [%4]", args.sequenceId,
-            args.creates() ? "create" : "no_create", nameOf(args.claim), args.name);
-
+// `status` is what the arguments are worth.
+OperationResult answer(Call& call, Arguments& args, OperationResult status) {
   ChangeInfo change;
   const ChangedDirectory directory(call.current());
   if (!args.hasName()) {
@@ -289,10 +281,28 @@ OperationResult COpen::execute(Call& call) {
   }
   if (status == OperationResult::OK && directory.countsChanges()) change = directory.info();
   return respond(call, 18, status, [&] {
-    constexpr unsigned kNoFlags = 0;
     constexpr unsigned kNoDelegation = 0;
-    call.stream << args.opened.stateId << change << kNoFlags << applied << kNoDelegation;
+    call.stream << args.opened.stateId << change << args.opened.flags << applied << kNoDelegation;
   });
+}
+
+}  // namespace
+
+OperationResult COpen::execute(Call& call) {
+  OperationResult status = OperationResult::OK;
+  Arguments args = readArguments(call, status);
+  if (args.owner.size() > kLongestOwner) call.stream.errorOccurred();
+  checkDecoded(call);
+  if (args.creates() && !call.writeEnabled) status = OperationResult::ReadOnlyFileSystem;
+  if (status == OperationResult::OK && call.service.profile().refusesReclaims) {
+    status = statusOfClaim(args.claim);
+  }
+  log().dbg("Open: sequenceId [%1], type [%2], claim type [%3], name [%4]", args.sequenceId,
+            args.creates() ? "create" : "no_create", nameOf(args.claim), args.name);
+
+  OwnerTurn turn(call, 18, OwnerTurn::Kind::Open, {args.clientId, args.owner}, args.sequenceId);
+  args.needsConfirmation = !turn.isConfirmed();
+  return turn.run([&] { return answer(call, args, status); });
 }
 
 }  // namespace nfslib::nfs4::operations
