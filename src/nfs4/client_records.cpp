@@ -201,6 +201,9 @@ OperationResult NfsService::confirmClientId(std::uint64_t id, const verifier4& c
     confirm(client, gone);
   }
   dropState(gone);
+  // A client that makes itself known again after it was told that it lost something has given up
+  // the rest.
+  if (hasLostState(id)) openFiles().dropClient(id);
   return OperationResult::OK;
 }
 
@@ -282,8 +285,7 @@ bool NfsService::isSilent(const Nfs4Client& client, TimePoint now) const {
   return now - client.lease().heard() > std::chrono::seconds(m_profile.leaseSeconds);
 }
 
-// To be asked of the table of what is open, once that takes state away.
-bool NfsService::hasLostState(std::uint64_t) const { return false; }
+bool NfsService::hasLostState(std::uint64_t id) const { return openFiles().wasRevoked(id); }
 
 // Clients that nobody expects any more. All are looked at once in the time of a lease, when
 // somebody comes.

@@ -97,7 +97,10 @@ std::shared_ptr<Nfs4Session> Nfs4Client::createSession(std::uint64_t streamId,
 }
 
 nfs4::StateTable& NfsService::openFiles() const {
-  std::call_once(m_openFilesMade, [this] { m_openFiles = std::make_shared<nfs4::StateTable>(); });
+  std::call_once(m_openFilesMade, [this] {
+    m_openFiles = std::make_shared<nfs4::StateTable>();
+    m_openFiles->setSilence([this](std::uint64_t client) { return isSilent(client); });
+  });
   return *m_openFiles;
 }
 

@@ -1,9 +1,7 @@
 #include "nfs4/rights.h"
 
 #include "nfs4/open_states.h"
-#include "nfs4/state_table.h"
-
-#include <algorithm>
+#include "nfs4/state_references.h"
 
 namespace nfslib::nfs4 {
 
@@ -36,28 +34,16 @@ OperationResult statusOfDirectory(const Call& call, const Object& object, Needs 
   return OperationResult::OK;
 }
 
-// The special stateids of RFC 7530 section 9.1.4.3; in minor version 1, where the number is 1, the
-// first one stands for the open that the COMPOUND has come by.
 bool standsForOpen(const FsObjectStateId& stateId) {
-  const auto isFilledWith = [&](std::byte value) {
-    return std::ranges::all_of(stateId.other.bytes, [&](std::byte byte) { return byte == value; });
-  };
-  const bool isAnonymous = stateId.sequenceId == 0 && isFilledWith(std::byte{0});
-  const bool isBypass = stateId.sequenceId == ~0U && isFilledWith(std::byte{0xFF});
-  return !isAnonymous && !isBypass;
+  return !isAnonymous(stateId) && !isBypass(stateId);
 }
 
 // Who has a file open for writing may read through that, since its client cannot do without; but
 // only who may read it.
-bool isOpenForReading(const Call& call, FsObjectStateId stateId) {
-  const Object& object = call.current();
-  const bool isCurrent = stateId == FsObjectStateId{.sequenceId = 1, .other = {}};
-  if (isCurrent) stateId = {object.stateSequenceId, object.stateOther};
+bool isOpenForReading(const Call& call, const FsObjectStateId& stateId) {
   StateTable::Held unused;
-  return call.service.openFiles().find({stateId,
-                                        call.session().clientId(),
-                                        {object.handle.fileSystemId, object.handle.objectId}},
-                                       kShareRead, unused) == OperationResult::OK;
+  return call.service.openFiles().find(referenceOf(call, stateId), kShareRead, unused) ==
+         OperationResult::OK;
 }
 
 utility::AttributeChange changeOf(const Call& call, const Nfs4SetAttributes& values) {

@@ -35,6 +35,10 @@ StateTable::Reference referenceOf(const Call& call, const FsObjectStateId& id) {
   const auto& object = call.current();
   const std::uint64_t client = call.session().clientId();
   const bool isOwn = client != kNoClient && isCurrent(id);
+  if (client == kNoClient) {
+    const std::uint64_t holder = call.service.openFiles().clientOf(id);
+    if (holder != kNoClient) call.service.renewLease(holder);
+  }
   return {isOwn ? FsObjectStateId{object.stateSequenceId, object.stateOther} : id, client,
           keyOf(object.handle)};
 }
@@ -55,8 +59,9 @@ OperationResult statusOfOwner(const Call& call, StateOwner& owner) {
     return OperationResult::OK;
   }
   const auto client = call.service.findClientById(owner.clientId);
-  return client && client->getMinorVersion() == 0 ? OperationResult::OK
-                                                  : OperationResult::StaleClientId;
+  if (!client || client->getMinorVersion() != 0) return OperationResult::StaleClientId;
+  client->lease().renew(call.service.now());
+  return OperationResult::OK;
 }
 
 }  // namespace nfslib::nfs4

@@ -17,7 +17,8 @@ bool isAnonymous(const FsObjectStateId& id);
 bool isBypass(const FsObjectStateId& id);
 
 StateTable::FileKey keyOf(const NfsHandle& handle);
-// The stateid, or the one that the COMPOUND itself has come by.
+// The stateid, or the one that the COMPOUND itself has come by. Its client is heard of by that
+// (RFC 7530 section 9.5; in a session by SEQUENCE).
 StateTable::Reference referenceOf(const Call& call, const FsObjectStateId& id);
 void setCurrentStateId(const Call& call, const FsObjectStateId& id);
 

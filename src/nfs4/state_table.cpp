@@ -169,6 +169,17 @@ std::optional<StateOwner> StateTable::ownerOf(const FsObjectStateId& id, Kind ki
   return std::nullopt;
 }
 
+std::uint64_t StateTable::clientOf(const FsObjectStateId& id) const {
+  const std::lock_guard guard(m_lock);
+  std::uint64_t number = 0;
+  if (numberOf(id, kNobody, number) != OperationResult::OK) return kNobody;
+  if (const auto open = m_opens.find(number); open != m_opens.end()) {
+    return open->second.owner->first.clientId;
+  }
+  const auto lock = m_locks.find(number);
+  return lock != m_locks.end() ? lock->second.owner->first.clientId : kNobody;
+}
+
 // ---- Conflicts
 
 // `attempt`, which locks the table, tells whose state is in its way. A client that is silent loses
@@ -567,6 +578,7 @@ bool StateTable::hasState(std::uint64_t clientId) const {
 }
 
 bool StateTable::wasRevoked(std::uint64_t clientId) const {
+  if (!m_hasRevoked) return false;
   const std::lock_guard lock(m_lock);
   return m_revokedFrom.contains(clientId);
 }
@@ -575,12 +587,14 @@ void StateTable::forgetRevoked(std::map<std::uint64_t, std::uint64_t>::iterator 
   const auto count = m_revokedFrom.find(revoked->second);
   if (--count->second == 0) m_revokedFrom.erase(count);
   m_revoked.erase(revoked);
+  m_hasRevoked = !m_revoked.empty();
 }
 
 void StateTable::rememberRevoked(std::uint64_t number, std::uint64_t clientId) {
   if (m_revoked.size() == kMaxRevoked) forgetRevoked(m_revoked.begin());
   m_revoked.emplace(number, clientId);
   ++m_revokedFrom[clientId];
+  m_hasRevoked = true;
 }
 
 void StateTable::revoke(std::uint64_t clientId) {
@@ -603,6 +617,7 @@ void StateTable::dropClient(std::uint64_t clientId) {
     held = eraseAllOf(clientId);
     if (m_revokedFrom.erase(clientId) != 0) {
       std::erase_if(m_revoked, [&](const auto& row) { return row.second == clientId; });
+      m_hasRevoked = !m_revoked.empty();
     }
   }
   m_sequences.dropClient(clientId);

@@ -10,6 +10,7 @@
 #include "nfs4/owner_sequences.h"
 
 #include <array>
+#include <atomic>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -124,6 +125,8 @@ class StateTable {
   nfs::OperationResult free(const FsObjectStateId& id, std::uint64_t clientId);
   // Whose it is: of an open owner or of a lock owner.
   std::optional<Owner> ownerOf(const FsObjectStateId& id, OwnerSequences::Kind kind) const;
+  // The client that it was given to; 0 when it is of nothing.
+  std::uint64_t clientOf(const FsObjectStateId& id) const;
   // The requests of owners in minor version 0.
   OwnerSequences& sequences() { return m_sequences; }
 
@@ -235,6 +238,7 @@ class StateTable {
   std::size_t m_held = 0;
   std::map<std::uint64_t, std::uint64_t> m_revoked;    // whose stateid it was, by number
   std::map<std::uint64_t, std::size_t> m_revokedFrom;  // how many of them, by client
+  std::atomic<bool> m_hasRevoked = false;              // whether there are any: every SEQUENCE asks
   // By export and object.
   std::map<std::uint32_t, utility::replacement_cache<std::uint64_t, verifier4>> m_exclusive;
 };

@@ -389,8 +389,7 @@ class Wire(unittest.TestCase):
             assert bound == [(client.session, 1, 0)], bound
             refused(10052, ("BIND_CONN_TO_SESSION", bytes(16) + v4.words(1, 0)), sequence=False)
         state, _ = client.open(root, owner, b"file")
-        if v4.LOCKS:
-            cls.use_locks(client, root, file, state, owner, other)
+        cls.use_locks(client, root, file, state, owner, other)
         return state
 
     @classmethod
@@ -541,8 +540,7 @@ class Wire(unittest.TestCase):
     def test_every_operation_of_version_4_was_done_and_refused(self):
         other = ({"EXCHANGE_ID", "CREATE_SESSION", "DESTROY_SESSION", "SEQUENCE", "DESTROY_CLIENTID",
                   "RECLAIM_COMPLETE"}, {"SETCLIENTID", "SETCLIENTID_CONFIRM"})  # of the other minor version
-        # There are no delegations. Only locks are freed: an open is ended by CLOSE.
-        never = {"DELEGRETURN"} if v4.LOCKS else {"DELEGRETURN", "FREE_STATEID"}
+        never = {"DELEGRETURN"}  # there are no delegations
         for profile, minor, sent in self.sent:
             with self.subTest(options=profile.options, minor=minor):
                 served = self.served(profile, minor) - other[minor]
@@ -550,9 +548,8 @@ class Wire(unittest.TestCase):
                 refused = {name for name, succeeded in sent if not succeeded}
                 self.assertEqual(served - refused - profile.harmless, set())
         # tshark has read them as well.
-        self.assertLessEqual({10010, 10033} if v4.LOCKS else set(), self.verdict.statuses4)
-        self.assertLessEqual({0, 2, 5, 17, 20, 21, 22, 30, 66, 70, 10001, 10004, 10007, 10009, 10012, 10015,
-                              10020, 10021, 10022, 10024, 10025, 10027, 10029, 10032, 10037, 10038, 10044,
+        self.assertLessEqual({0, 2, 5, 17, 20, 21, 22, 30, 66, 70, 10001, 10004, 10007, 10009, 10010, 10012,
+                              10015, 10020, 10021, 10022, 10024, 10025, 10027, 10029, 10032, 10033, 10037, 10038, 10044,
                               10052, 10064, 10067, 10070, 10071, 10074}, self.verdict.statuses4)
 
     def spoilt(self, port, change):

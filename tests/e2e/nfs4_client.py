@@ -7,8 +7,6 @@ import struct
 
 from udp_client import NFS, Decoder, Failure, call_message, opaque
 
-LOCKS = False  # whether the server has LOCK, LOCKT and LOCKU
-
 NUMBERS = {
     "ACCESS": 3, "CLOSE": 4, "COMMIT": 5, "CREATE": 6, "DELEGPURGE": 7, "DELEGRETURN": 8, "GETATTR": 9,
     "GETFH": 10, "LINK": 11, "LOCK": 12, "LOCKT": 13, "LOCKU": 14, "LOOKUP": 15, "LOOKUPP": 16, "NVERIFY": 17,

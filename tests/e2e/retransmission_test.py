@@ -171,8 +171,7 @@ class Version4(Retransmission):
         client.refused(NOENT, self.root, missing)
         self.misordered(owner, self.root, ("OPEN", v4.open_file(owner, b"another", guarded)))
         self.assertEqual(set(self.everything()), {"file", "made", "missing"})
-        if v4.LOCKS:
-            self.lock_twice(file, state, owner)
+        self.lock_twice(file, state, owner)
         state, _ = client.open(self.root, owner, b"file", access=1)
         state = self.twice(0, file, ("OPEN_DOWNGRADE", [state, owner, v4.words(1, 0)]))[1]
         self.misordered(owner, file, ("CLOSE", [owner, state]))
