@@ -11,9 +11,9 @@ namespace nfslib::nfs4 {
 
 // ---- Both profiles
 
-// Records of clients: half a kilobyte each, and the owner's name of 1 KiB at most.
+// Records of clients: a kilobyte each, and the owner's name of 1 KiB at most.
 constexpr std::size_t kMaxClients = 4096;
-// Of all clients: 4 KiB each, without slots.
+// Of all clients: 3.2 KiB each, without slots.
 constexpr std::size_t kMaxSessions = 16'384;
 constexpr std::uint32_t kMaxOperations = 4096;  // of a COMPOUND
 
@@ -24,8 +24,8 @@ constexpr std::size_t kMaxKnownSlots = 1024;
 
 // ---- The modern profile
 
-// One for each connection of a client that does not share them. A session has 64 slots of some 40
-// bytes, when all of them are used.
+// One for each connection of a client that does not share them. A session has 64 slots of 48 bytes,
+// as far as they are used; a short reply that is kept takes 200 more.
 constexpr std::size_t kMaxSessionsOfClient = 128;
 // Bytes of all replies that are kept. 64 slots of 64 KiB are 4 MiB a session: a few clients that
 // ask for all of that have it, and so have all whose replies are short.

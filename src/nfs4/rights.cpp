@@ -49,10 +49,11 @@ bool isOpenForReading(const Call& call, const FsObjectStateId& stateId) {
 utility::AttributeChange changeOf(const Call& call, const Nfs4SetAttributes& values) {
   MetaData wanted;
   setAttributes(values, wanted, attributeTable(call));
-  utility::AttributeChange change{.mode = values.mode.has_value(),
-                                  .size = values.size.has_value(),
-                                  .timeOfServer = values.setsTimeOfServer,
-                                  .timeOfClient = values.setsTimeOfClient};
+  utility::AttributeChange change;
+  change.mode = values.mode.has_value();
+  change.size = values.size.has_value();
+  change.timeOfServer = values.setsTimeOfServer;
+  change.timeOfClient = values.setsTimeOfClient;
   if (values.owner) change.uid = wanted.uid;
   if (values.ownerGroup) change.gid = wanted.gid;
   return change;

@@ -115,7 +115,9 @@ TEST_F(Rights3Test, OwnerGroupAndModeDecide) {
         const unsigned refusal = operation.unless == kOnlyOwner ? kNotOwner : kDenied;
         ASSERT_EQ(statusOf(operation.procedure, operation.arguments), expected ? kOk : refusal)
             << where;
-        if (!expected) ASSERT_EQ(snapshot(), before) << where;
+        if (!expected) {
+          ASSERT_EQ(snapshot(), before) << where;
+        }
         // ACCESS tells the same.
         if (!isRoot && operation.procedure == kGetAttr) {
           unsigned directory = 0, file = 0;
@@ -203,7 +205,9 @@ TEST_F(Rights3Test, NobodyGivesAwayWhatOthersMayNotHave) {
     const std::string before = snapshot();
     const auto set = wire(handleOf("/d/f")) + owners(c.uid, c.gid) + wire(false);
     EXPECT_EQ(statusOf(kSetAttr, set), c.status) << c.caller;
-    if (c.status != kOk) EXPECT_EQ(snapshot(), before);
+    if (c.status != kOk) {
+      EXPECT_EQ(snapshot(), before);
+    }
     const bool isGiven = c.caller == 0 && c.gid == kLetIn;
     EXPECT_EQ(attributes("/d/f").mode, isGiven ? 0777 : 06777) << "does not run as another";
     // The same of what is to be made, which is the caller's own.
@@ -213,7 +217,9 @@ TEST_F(Rights3Test, NobodyGivesAwayWhatOthersMayNotHave) {
     const unsigned made = isOwn || c.caller == 3 ? kOk : kNotOwner;
     EXPECT_EQ(statusOf(kMkDir, make), made) << c.caller;
     EXPECT_EQ(view->pathExists(NfsPath("/d/new")), made == kOk);
-    if (made == kOk) EXPECT_EQ(statusOf(kRmDir, entry("/d", "new")), kOk);
+    if (made == kOk) {
+      EXPECT_EQ(statusOf(kRmDir, entry("/d", "new")), kOk);
+    }
   }
   // Nor the rights of a group that he is no member of.
   give("/d/f", 0644, kOwnerId, 501);

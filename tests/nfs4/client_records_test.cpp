@@ -51,7 +51,9 @@ TEST_F(ClientRecordsTest, ExchangeIdGoesByWhatIsKnown) {
     const std::uint64_t before = now.before == Nothing ? 0 : numberAt(identify(1, owner), 0);
     sessionid session;
     if (now.before > Named) session = idIn(createSession(before, 1));
-    if (now.before == Idle) EXPECT_EQ(destroy(session), kOk);
+    if (now.before == Idle) {
+      EXPECT_EQ(destroy(session), kOk);
+    }
 
     callAs(now.user);
     const Answer answer = identify(now.verifier, owner, now.updates ? kUpdate : 0);
@@ -65,7 +67,9 @@ TEST_F(ClientRecordsTest, ExchangeIdGoesByWhatIsKnown) {
     callAs(10);
     const bool isReplaced = now.status == kOk && !now.isSame;
     EXPECT_EQ(sequence(session, 1, 0, false).status, now.stays && !isReplaced ? kOk : kBadSession);
-    if (now.before == Named && isReplaced) EXPECT_EQ(createSession(before, 1).status, kStaleClient);
+    if (now.before == Named && isReplaced) {
+      EXPECT_EQ(createSession(before, 1).status, kStaleClient);
+    }
   }
   EXPECT_EQ(send4(1, Compound().add(op::kExchangeId, std::uint64_t{1}, "o"s, 0U, 1U, Bitmap{},
                                     Bitmap{}, 0U))
@@ -92,6 +96,20 @@ TEST_F(ClientRecordsTest, StateOfBeforeARestartGoesWithItsConfirmation) {
   EXPECT_FALSE(hasState(before));
   EXPECT_EQ(run(old, {}).status, kBadSession);
   EXPECT_EQ(createSession(before, 2).status, kStaleClient);
+}
+
+TEST_F(ClientRecordsTest, NothingIsOpenedForWhoHasGone) {
+  serve();
+  ClientSession session = makeSession("client");
+  const std::uint64_t client = service.findClientByOwner("client")->getId();
+  host.onCall = [&](std::string_view name) {
+    if (name == "OpenFile") service.deleteClientId(client);
+  };
+  constexpr unsigned kDeadSession = 10078;
+  EXPECT_EQ(run(session, opening()).status, kDeadSession);
+  host.onCall = nullptr;
+  EXPECT_EQ(run(session, {}).status, kBadSession);
+  EXPECT_FALSE(hasState(client));
 }
 
 TEST_F(ClientRecordsTest, SetClientIdKeepsStateUntilARestartIsConfirmed) {
@@ -130,18 +148,12 @@ TEST_F(ClientRecordsTest, SetClientIdKeepsStateUntilARestartIsConfirmed) {
 
   // Somebody else under the same name, while the client has something open and when it has not.
   const std::uint64_t owner = numberAt(last, 0);
-  const FsObjectStateId open = [&] {
-    FsObjectStateId id;
-    MemoryStream in;
-    const Answer opened = send4(0, opening(owner));
-    in.setInputData({opened.results.back().bytes.data(), opened.results.back().bytes.size()});
-    in >> id;
-    return id;
-  }();
+  const FsObjectStateId open = stateIdIn(send4(0, opening(owner)));
+  EXPECT_EQ(send4(0, at("/d/f").add(20U, open, 1U)).status, kOk);  // OPEN_CONFIRM
   callAs(50);
   EXPECT_EQ(setClient(3, "client").body(), wire(""s, ""s));
   callAs(0);
-  EXPECT_EQ(send4(0, at("/d/f").add(op::kClose, 0U, open)).status, kOk);
+  EXPECT_EQ(send4(0, at("/d/f").add(op::kClose, 2U, open)).status, kOk);
   callAs(50);
   const Answer stranger = setClient(3, "client");
   EXPECT_EQ(confirm(numberAt(stranger, 0), numberAt(stranger, 8)), kOk);

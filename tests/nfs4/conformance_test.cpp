@@ -49,7 +49,9 @@ TEST(Conformance, ProceduresAndOperationsAreThoseOfTheTables) {
     for (std::size_t i = 0; i < kProfiles.size(); ++i) {
       const auto* procedure = nfs3::findProcedure(row.number, kProfiles[i]);
       EXPECT_EQ(procedure == nullptr, row.verdicts[i] == "no") << row.name;
-      if (procedure != nullptr) EXPECT_EQ(procedure->name, row.name);
+      if (procedure != nullptr) {
+        EXPECT_EQ(procedure->name, row.name);
+      }
     }
   }
   const auto operations = rowsOf("operation");
@@ -59,7 +61,9 @@ TEST(Conformance, ProceduresAndOperationsAreThoseOfTheTables) {
     for (std::size_t i = 0; i < kProfiles.size(); ++i) {
       const auto* operation = nfs4::findOperation(kProfiles[i], row.number);
       EXPECT_EQ(operation == nullptr, row.verdicts[i] == "no") << row.name;
-      if (operation != nullptr) EXPECT_EQ(operation->name, row.name);
+      if (operation != nullptr) {
+        EXPECT_EQ(operation->name, row.name);
+      }
     }
   }
 }

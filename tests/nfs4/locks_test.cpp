@@ -1,5 +1,6 @@
 #include "support/nfs4_states.h"
 
+#include <chrono>
 #include <set>
 
 // Byte-range locks, and the order of owners' requests in minor version 0.
@@ -207,6 +208,40 @@ TEST_P(LocksTest, ASilentClientLosesWhatIsInTheWay) {
   EXPECT_EQ(read("/d/f", f).status, kBadStateId);
 }
 
+TEST_P(LocksTest, WhoWasSilentIsTold) {
+  std::chrono::seconds later{0};
+  service.setLeaseClock([&] { return std::chrono::steady_clock::now() + later; });
+  Client two = anotherClient("two");
+  const FsObjectStateId a = stateIdIn(lock(one, "/d/f", f, "a", kWriteLock, {0, 1}));
+  const FsObjectStateId other = open(two, "/d/f");
+  // Whatever a client does with what it has, it is heard of.
+  for (int i = 0; i < 2; ++i) {
+    later += std::chrono::seconds(60);
+    EXPECT_EQ(read("/d/f", f).status, kOk);
+    EXPECT_EQ(lock(two, "/d/f", other, "b", kWriteLock, {0, 1}).status, kDenied);
+  }
+  later += std::chrono::seconds(91);
+  EXPECT_EQ(lock(two, "/d/f", other, "b", kWriteLock, {0, 1}).status, kOk);
+
+  if (minorVersion == 0) {
+    const Compound renewing = Compound().add(30U, one.id);
+    EXPECT_EQ(run(one, renewing).status, kExpired);
+    EXPECT_EQ(idOf("client"), one.id);
+    EXPECT_EQ(run(one, renewing).status, kOk);
+    EXPECT_EQ(read("/d/f", f).status, kBadStateId);
+  } else {
+    const auto flags = [this] {
+      const Answer answer = send4(1, Compound().add(op::kSequence, own.id, ++own.sequenceId,
+                                                    own.slot, own.slot, own.cached));
+      return answer.body().substr(answer.body().size() - 8);
+    };
+    EXPECT_EQ(flags(), "00000008");  // SEQ4_STATUS_EXPIRED_ALL_STATE_REVOKED
+    EXPECT_EQ(read("/d/f", f).status, kExpired);
+    EXPECT_THAT(statuses(freeing(a).add(freeing(f))), ElementsAre(kOk, kOk));
+    EXPECT_EQ(flags(), "00000000");
+  }
+}
+
 class OwnersTest : public StatesTest {};
 INSTANTIATE_TEST_SUITE_P(Only, OwnersTest, ::testing::Values(0U), minorVersionName);
 
@@ -231,10 +266,6 @@ TEST_P(OwnersTest, ANewOpenOwnerHasToConfirm) {
   // Of an OPEN that failed nothing is left to confirm, but the owner is still new.
   EXPECT_EQ(inTurn(one, {"b"}, opening(one, "/d", "b")).status, kIsDirectory);
   EXPECT_EQ(flagsIn(inTurn(one, {"b"}, opening(one, "/d/f", "b"))), kMustConfirm | kLocksSplit);
-  // What was there before the server was started anew is confirmed by that.
-  EXPECT_EQ(flagsIn(run(one, at("/d/f").add(op::kOpen, 0U, kReadAccess, 0U, one.id, "c"s, kNoCreate,
-                                            raw(1U, 0U)))),
-            kLocksSplit);
 }
 
 TEST_P(OwnersTest, RequestsComeInOrderAndLastOnesMayComeAgain) {

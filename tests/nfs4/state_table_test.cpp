@@ -78,7 +78,7 @@ TEST_F(StateTableTest, AHundredThousandLocksOfOneOwnerTakeNoLonger) {
   });
   const FsObjectStateId all{0, locks.other};
   const StateTable::Reference reference{all, 1, kFile};
-  expectQuick("test", 10'000, [&](std::size_t i) {
+  expectQuick("test", kMany / 10, [&](std::size_t i) {
     const StateTable::RangeLock between{{10 * i + 5, 10 * i + 9}, true};
     ASSERT_EQ(table.testLock(kFile, ownerNamed(0, 2), between, denied), OperationResult::OK);
     const StateTable::RangeLock across{{10 * i + 5, UINT64_MAX}, true};
@@ -86,10 +86,10 @@ TEST_F(StateTableTest, AHundredThousandLocksOfOneOwnerTakeNoLonger) {
   });
   // One lock of somebody else stands behind all of its own.
   ASSERT_EQ(lock(another, ownerNamed(0, 2), {{20 * kMany, 20 * kMany}, true}), OperationResult::OK);
-  expectQuick("lock past its own", 10'000, [&](std::size_t) {
+  expectQuick("lock past its own", kMany / 10, [&](std::size_t) {
     ASSERT_EQ(lock(opened, ownerNamed(0), {{0, UINT64_MAX}, false}), OperationResult::Denied);
   });
-  expectQuick("unlock", 10'000, [&](std::size_t i) {
+  expectQuick("unlock", kMany / 10, [&](std::size_t i) {
     FsObjectStateId unlocked;
     ASSERT_EQ(table.unlock(reference, {10 * i + 2, 10 * i + 2}, unlocked), OperationResult::OK);
   });
@@ -106,7 +106,7 @@ TEST_F(StateTableTest, AHundredThousandOwnersThatReadTheSameTakeNoLonger) {
     ASSERT_EQ(lock(opened, ownerNamed(i), {{i, UINT64_MAX}, false}), OperationResult::OK);
     ids.push_back(locks);
   });
-  expectQuick("conflict", 10'000, [&](std::size_t i) {
+  expectQuick("conflict", kMany / 10, [&](std::size_t i) {
     ASSERT_EQ(lock(opened, ownerNamed(i), {{2 * kMany, 2 * kMany}, true}), OperationResult::Denied);
     ASSERT_EQ(table.testLock(kFile, ownerNamed(0), {{0, 0}, true}, denied), OperationResult::OK);
   });

@@ -336,6 +336,15 @@ class Nfs4Test : public Nfs3Test {
     }
     return value;
   }
+  // The 16 bytes at the beginning of the last result.
+  static FsObjectStateId stateIdIn(const Answer& answer) {
+    MemoryStream in;
+    const auto& bytes = answer.results.at(answer.results.size() - 1).bytes;
+    in.setInputData({bytes.data(), bytes.size()});
+    FsObjectStateId id;
+    in >> id;
+    return id;
+  }
 
   // ---- The tree
 

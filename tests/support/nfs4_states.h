@@ -70,15 +70,6 @@ class StatesTest : public BothVersionsTest {
     return answer;
   }
 
-  // The 16 bytes at the beginning of the last result.
-  static FsObjectStateId stateIdIn(const Answer& answer) {
-    MemoryStream in;
-    const auto& bytes = answer.results.at(answer.results.size() - 1).bytes;
-    in.setInputData({bytes.data(), bytes.size()});
-    FsObjectStateId id;
-    in >> id;
-    return id;
-  }
   static unsigned flagsIn(const Answer& answer) {
     return static_cast<unsigned>(numberAt(answer, 16 + 20 - 4));  // behind the change_info4
   }
