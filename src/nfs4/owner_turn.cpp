@@ -116,6 +116,10 @@ OperationResult OwnerTurn::finish(OperationResult status) {
   const memory::const_buffer whole = m_call.stream.getOutputBuffer();
   if (!counts(status) || whole.size() - m_start > kLongestReply) return status;
   OwnerSequences::Record& record = *m_record;
+  // A client whose first LOCK failed forgets the lock owner, and may give the name to another one,
+  // which begins to count anew. The LOCK itself is repeated by the open owner's turn.
+  const bool isNeverUsed = m_name.kind == Kind::Lock && !record.isUsed;
+  if (isNeverUsed && status != OperationResult::OK) return status;
   record.isUsed = true;
   record.sequenceId = m_sequenceId;
   record.operation = m_operation;

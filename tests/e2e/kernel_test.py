@@ -14,7 +14,7 @@ ALL = f"""tool=$1
 run() {{ ./kernel_$1.sh "$tool" "${{@:2}}" 2>&1 && status=0 || status=$?; echo "end of ${{*%% /*}}: status $status"; }}
 {"; ".join(f"run client {how}" for how in READING)}
 {"; ".join(f"run writer {how}" for how in CHANGING)}
-run version4 --classic; run version4; run modern; run mounts "$2"
+run version4 --classic; run version4; run modern; run locks 4.0; run locks 4.1; run mounts "$2"
 """
 
 
@@ -50,6 +50,12 @@ class Kernel(unittest.TestCase):
 
     def test_what_the_modern_profile_is_for(self):
         self.passed("modern")
+
+    def test_locks(self):
+        support.program("sqlite3")
+        for how in ("4.0", "4.1"):
+            with self.subTest(how):
+                self.passed(f"locks {how}")
 
     def test_the_tool_mounts_and_leaves_nothing_behind(self):
         support.program("rpcbind")

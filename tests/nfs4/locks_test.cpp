@@ -268,6 +268,16 @@ TEST_P(OwnersTest, ANewOpenOwnerHasToConfirm) {
   EXPECT_EQ(flagsIn(inTurn(one, {"b"}, opening(one, "/d/f", "b"))), kMustConfirm | kLocksSplit);
 }
 
+TEST_P(OwnersTest, ALockOwnerBeginsWithItsFirstLock) {
+  Client two = anotherClient("two");
+  EXPECT_EQ(lock(two, "/d/f", open(two, "/d/f"), "b", kWriteLock, {0, 1}).status, kOk);
+  const FsObjectStateId f = open(one, "/d/f");
+  EXPECT_EQ(lock(one, "/d/f", f, "a", kWriteLock, {0, 1}).status, kDenied);
+  // The name has become another owner's.
+  one.sequences["lock a"] = 0;
+  EXPECT_EQ(lock(one, "/d/f", f, "a", kWriteLock, {1, 1}).status, kOk);
+}
+
 TEST_P(OwnersTest, RequestsComeInOrderAndLastOnesMayComeAgain) {
   const FsObjectStateId f = open(one, "/d/f");
   const auto repeats = [&](const std::vector<std::string>& owners, const Compound& compound) {
