@@ -32,6 +32,11 @@ def handle(number):
     return opaque(b"nfslib-fuzz-obj" + bytes([number]))
 
 
+def value(number):
+    """What it replaces with 16 bytes of the modern profile's state; see fuzz/compound_fuzz.cpp."""
+    return b"nfslib-fuzz-sid" + bytes([number])
+
+
 def write(target, name, content):
     directory = CORPUS / target
     directory.mkdir(parents=True, exist_ok=True)
@@ -222,6 +227,28 @@ def compound_body(minor, operations_list):
     return opaque(b"tag") + words(minor, len(operations_list)) + b"".join(operations_list)
 
 
+def stateful(client, opened, locked):
+    """(name, operation) on a file that is open, with the stateids of the open and of a lock."""
+    owner = client + b"r\0\0\0"
+    yield "read", words(25) + opened + longs(0) + words(100)
+    yield "write", words(38) + locked + longs(5) + words(2) + opaque(b"written")
+    yield "resize", words(34) + opened + words(1, 16, 8) + longs(7)
+    yield "close", words(4, 3) + opened
+    yield "downgrade", words(21) + opened + words(3, 1, 0)
+    yield "confirm", words(20) + opened + words(3)
+    yield "lock", words(12, 2, 0) + longs(20, 5) + words(0) + locked + words(1)
+    yield "lock-new", words(12, 4, 0) + longs(0, 2**64 - 1) + words(1, 3) + opened + words(0) + owner
+    yield "lock-test", words(13, 1) + longs(0, 2**64 - 1) + owner
+    yield "unlock", words(14, 2, 1) + locked + longs(3, 2)
+    yield "release", words(39) + owner
+    yield "free", words(45) + locked
+    yield "test", words(55, 2) + opened + locked
+    yield "renew", words(30) + client
+    yield "return", words(8) + opened
+    yield "commit", words(5) + longs(0) + words(0)
+    yield "bind", words(41) + value(3) + words(1, 0)
+
+
 def compound():
     for name, operations_list in operations():
         write("compound", name, compounds(compound_body(0, [words(24)] + operations_list)))
@@ -239,6 +266,12 @@ def compound():
         write("compound", f"session-{cached}", compounds(
             compound_body(1, [exchange]), compound_body(1, [create]), work, work,
             compound_body(1, [words(44) + session]), compound_body(1, [words(57) + longs(1)])))
+    for minor, client in ((0, 0), (1, 4)):
+        for name, operation in stateful(*(value(client + i) for i in range(3))):
+            first = [words(53) + value(3) + words(3, 0, 0, 1)] if minor else []
+            at_file = words(22) + handle(FILE)
+            one = compound_body(minor, first + [at_file, operation])
+            write("compound", f"modern-{minor}-{name}", compounds(one, one))
     gss = words(1, 6, 1) + opaque(b"from server") + opaque(b"from client")
     write("compound", "gss", compounds(compound_body(1, [exchange]), compound_body(
         1, [words(43) + longs(1) + words(1, 0) + channel + channel + words(0) + gss])))

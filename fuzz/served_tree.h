@@ -3,6 +3,7 @@
 #include <nfslib/nfs_mount_spec.h>
 #include <nfslib/nfs_path.h>
 
+#include "common/buffers.h"
 #include "common/memory_stream.h"
 #include "common/nfs_handle.h"
 #include "fs/nfs_file_system.h"
@@ -15,12 +16,14 @@
 #include "server/nfs_service.h"
 #include "support/recorded_log.h"
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace nfslib::fuzz {
@@ -28,7 +31,8 @@ namespace nfslib::fuzz {
 // A small tree behind all programs of one version, made anew for each input.
 //
 // An input cannot know the handles of this run. Where it has the 15 bytes "nfslib-fuzz-obj" and one
-// more byte, the handle of an object of the tree takes their place.
+// more byte, the handle of an object of the tree takes their place; where it has "nfslib-fuzz-sid",
+// what a target has added of sessions, stateids and client ids.
 class ServedTree {
  public:
   explicit ServedTree(unsigned version = nfs::Nfs3Program::kVersion, const Profile& profile = {}) {
@@ -78,28 +82,51 @@ class ServedTree {
 
   rpc::RpcServer& server() { return m_server; }
 
+  NfsHandle file() const { return m_handles.at(1); }
+
+  static bool hasValue(const std::uint8_t* data, std::size_t size) {
+    const std::string_view input(reinterpret_cast<const char*>(data), size);
+    return input.find(kValueMarker) != input.npos;
+  }
+  // 16 bytes that are one thing, or several.
+  using Value = std::array<std::byte, 16>;
+  template <class... Parts>
+  void addValue(const Parts&... parts) {
+    MemoryStream stream;
+    (stream << ... << parts);
+    Value value{};
+    memory::copy(stream.getOutputBuffer(), {value.data(), value.size()});
+    m_values.push_back(value);
+  }
+
   std::vector<std::byte> withHandles(const std::uint8_t* data, std::size_t size) const {
-    static constexpr char kMarker[] = "nfslib-fuzz-obj";
-    constexpr std::size_t kLength = sizeof kMarker - 1;
-    static_assert(kLength + 1 == sizeof(NfsHandle));
     std::vector<std::byte> out(size);
     if (size != 0) std::memcpy(out.data(), data, size);
-    for (std::size_t i = 0; i + sizeof(NfsHandle) <= size; ++i) {
-      if (std::memcmp(out.data() + i, kMarker, kLength) != 0) continue;
-      const auto& handle = m_handles[data[i + kLength] % m_handles.size()];
-      std::memcpy(out.data() + i, &handle, sizeof handle);
-    }
+    replace("nfslib-fuzz-obj", m_handles, out);
+    replace(kValueMarker, m_values, out);
     return out;
   }
 
  private:
   static constexpr std::uint32_t kFirstExport = 1;
+  static constexpr std::string_view kValueMarker = "nfslib-fuzz-sid";
+
+  template <class Thing>
+  static void replace(std::string_view marker, const std::vector<Thing>& things,
+                      std::vector<std::byte>& in) {
+    for (std::size_t i = 0; !things.empty() && i + sizeof(Thing) <= in.size(); ++i) {
+      if (std::memcmp(in.data() + i, marker.data(), marker.size()) != 0) continue;
+      const auto index = std::to_integer<std::size_t>(in[i + marker.size()]);
+      std::memcpy(in.data() + i, &things[index % things.size()], sizeof(Thing));
+    }
+  }
 
   testing::RecordedLog m_log;  // every line is put together
   hosts::MemoryFileSystem m_tree{1 << 20};
   NfsService m_service;
   rpc::RpcServer m_server;
   std::vector<NfsHandle> m_handles;
+  std::vector<Value> m_values;
 };
 
 }  // namespace nfslib::fuzz
