@@ -11,7 +11,8 @@ READING = ("3 --classic", "3", "4.0", "4.1", "4")
 CHANGING = ("4.0 --classic", "3", "4.0", "4.1")
 # One machine runs one script after the other and says how each ended.
 ALL = f"""tool=$1
-run() {{ ./kernel_$1.sh "$tool" "${{@:2}}" 2>&1 && status=0 || status=$?; echo "end of ${{*%% /*}}: status $status"; }}
+run() {{ ./kernel_$1.sh "$tool" "${{@:2}}" 2>&1 && status=0 || status=$?
+  words="$*"; echo "end of ${{words%% /*}}: status $status"; }}
 {"; ".join(f"run client {how}" for how in READING)}
 {"; ".join(f"run writer {how}" for how in CHANGING)}
 run version4 --classic; run version4; run modern; run locks 4.0; run locks 4.1; run mounts "$2"
