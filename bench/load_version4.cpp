@@ -198,6 +198,18 @@ Session4::Session4(ClientConnection& connection, unsigned slots, bool isReal)
 
 void Session4::end() {
   if (!m_isReal) return;
+  for (const auto& [file, state] : m_open) {
+    callOnce(
+        2,
+        [&](Encoder& call) {
+          operation(call, Operation::PutFh).opaque(file);
+          operation(call, Operation::Close).word(0).bytes(state);
+        },
+        [&](Decoder& results) {
+          requireDone(results, Operation::PutFh);
+          requireDone(results, Operation::Close);
+        });
+  }
   callAlone(
       Operation::DestroySession, [&](Encoder& call) { call.bytes(m_id); }, [](Decoder&) {});
   callAlone(
@@ -297,6 +309,7 @@ Session4::StateId Session4::open(const Handle& file) {
         requireDone(results, Operation::Open);
         std::ranges::copy(results.take(kStateIdSize), state.begin());
       });
+  m_open.emplace_back(file, state);
   return state;
 }
 

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace bench {
 
@@ -41,7 +43,7 @@ class Session4 {
   // Follows the components of the export and of `path` down from the root.
   Handle lookupPath(const std::string& path);
   std::uint64_t sizeOf(const Handle& file);
-  // Opens the file for reading.
+  // Opens the file for reading, until the end of the session.
   using StateId = std::array<std::byte, kStateIdSize>;
   StateId open(const Handle& file);
 
@@ -58,6 +60,7 @@ class Session4 {
   const unsigned m_slots;
   const bool m_isReal;
   std::uint64_t m_clientId = 0;
+  std::vector<std::pair<Handle, StateId>> m_open;
   std::array<std::byte, kSessionIdSize> m_id{};
   std::array<std::uint32_t, ClientConnection::kMaxSlots> m_sequences{};
 };

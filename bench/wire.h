@@ -43,6 +43,7 @@ constexpr auto kCompound = static_cast<Procedure>(1);
 
 // Of version 4.
 enum class Operation : std::uint32_t {
+  Close = 4,
   GetAttr = 9,
   GetFh = 10,
   Lookup = 15,
