@@ -198,12 +198,12 @@ Session4::Session4(ClientConnection& connection, unsigned slots, bool isReal)
 
 void Session4::end() {
   if (!m_isReal) return;
-  for (const auto& [file, state] : m_open) {
+  for (const auto& opened : m_open) {
     callOnce(
         2,
         [&](Encoder& call) {
-          operation(call, Operation::PutFh).opaque(file);
-          operation(call, Operation::Close).word(0).bytes(state);
+          operation(call, Operation::PutFh).opaque(opened.first);
+          operation(call, Operation::Close).word(0).bytes(opened.second);
         },
         [&](Decoder& results) {
           requireDone(results, Operation::PutFh);
