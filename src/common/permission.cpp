@@ -9,6 +9,13 @@
 #include <exception>
 #include <string_view>
 
+namespace nfslib {
+
+// The home of its type information; those of the other interfaces are in fs.
+IAccessControl::~IAccessControl() = default;
+
+}  // namespace nfslib
+
 namespace nfslib::utility {
 
 using nfs::OperationResult;

@@ -10,6 +10,5 @@ Symlink::~Symlink() = default;
 Directory::~Directory() = default;
 FileSystem::~FileSystem() = default;
 IStatistics::~IStatistics() = default;
-IAccessControl::~IAccessControl() = default;
 
 }  // namespace nfslib
