@@ -126,7 +126,8 @@ class Verdict:
             self.problems += [f"no status of version 4: {status}" for status in statuses4
                               if int(status) not in STATUSES_4]
         self.calls = sum(calls.values())
-        self.problems += [f"not answered: {call}" for call in calls - answers]
+        # On a busy machine TCP may send a call again that was already there.
+        self.problems += [f"not answered: {call}" for call in calls.keys() - answers.keys()]
         self.problems += [f"answered, never called: {answer}" for answer in answers - calls]
 
 
