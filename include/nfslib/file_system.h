@@ -201,9 +201,9 @@ class NFSLIB_EXPORT IAccessControl {
   /// needs several rights asks for them one after the other or together.
   ///
   /// The attributes may have been kept for a while. Nothing here is kept: the answer counts for
-  /// this time only. Called from any thread, from several at once, under no lock of the library,
-  /// for nearly every call of a client: it has to be quick. Throws when it cannot tell; then
-  /// nothing is granted, and the reason goes to the log.
+  /// this time only. Called from any thread and from several at once, like every operation of a
+  /// host, and for nearly every call of a client: it has to be quick. Throws when it cannot tell;
+  /// then nothing is granted, and the reason goes to the log.
   virtual std::uint32_t GetGrantedRights(const Caller& caller, const NfsPath& path,
                                          const MetaData& md, std::uint32_t requested) const = 0;
   virtual ~IAccessControl();
