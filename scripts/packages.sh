@@ -6,11 +6,13 @@
 # As root it runs apt-get. Any other user gets the one command that an administrator has to run.
 set -euo pipefail
 
-build="g++ cmake ninja-build pkg-config uuid-dev libtirpc-dev libmagicenum-dev libcli11-dev libspdlog-dev"
+build="g++ cmake ninja-build pkg-config uuid-dev libtirpc-dev libmagicenum-dev libcli11-dev libspdlog-dev
+  libarchive-dev zlib1g-dev libbz2-dev liblzma-dev libzstd-dev"
 demo="libnfs-utils libnfs-dev"
 test="clang clang-format clang-tidy libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev
   libnfs-dev libnfs-utils tshark tcpdump rpcbind nfs-common iproute2 util-linux python3 ccache
-  qemu-system-x86 busybox-static kmod cpio e2fsprogs git sqlite3 rsync"
+  qemu-system-x86 busybox-static kmod cpio e2fsprogs git sqlite3 rsync
+  doxygen graphviz lintian dpkg-dev file man-db zip p7zip-full genisoimage zstd xz-utils bzip2"
 bench="libbenchmark-dev nfs-ganesha nfs-ganesha-vfs iproute2 util-linux python3 rpcbind"
 
 case "${1:-}" in
