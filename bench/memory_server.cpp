@@ -2,11 +2,10 @@
 // answers cost nothing, so what is measured is the library. Runs until SIGINT or SIGTERM.
 
 #include <nfslib/file_system.h>
+#include <nfslib/hosts/memory_file_system.h>
 #include <nfslib/nfs_mount_spec.h>
 #include <nfslib/nfs_path.h>
 #include <nfslib/nfs_server.h>
-
-#include "memory/memory_file_system.h"
 
 #include <array>
 #include <cstdio>

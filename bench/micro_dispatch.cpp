@@ -1,12 +1,12 @@
 // Whole NFS version 3 calls without a network: arguments in, results out, through the program.
 
+#include <nfslib/hosts/memory_file_system.h>
 #include <nfslib/nfs_mount_spec.h>
 #include <nfslib/nfs_path.h>
 
 #include "allocation_count.h"
 #include "common/memory_stream.h"
 #include "common/xdr_records.h"
-#include "memory/memory_file_system.h"
 #include "nfs3/nfs3_program.h"
 #include "server/nfs_service.h"
 

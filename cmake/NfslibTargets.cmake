@@ -19,9 +19,14 @@ if(NFSLIB_SANITIZE)
   target_link_options(nfslib_build_flags INTERFACE -fsanitize=${NFSLIB_SANITIZE})
 endif()
 
-# The public headers alone: what a host is compiled against.
+# The public headers alone: what a host is compiled against. Everything in that folder is public.
+file(GLOB nfslib_public_headers CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/include/nfslib/*.h")
 add_library(nfslib_headers INTERFACE)
-target_include_directories(nfslib_headers INTERFACE $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>)
+target_sources(
+  nfslib_headers INTERFACE FILE_SET HEADERS BASE_DIRS "${PROJECT_SOURCE_DIR}/include"
+                           FILES ${nfslib_public_headers})
+target_compile_features(nfslib_headers INTERFACE cxx_std_20)
+set_target_properties(nfslib_headers PROPERTIES EXPORT_NAME headers)
 
 # nfslib_add_part(NAME SOURCES ... LINKS ...): one folder of src/, compiled once, linked into the
 # shared library and, as it is, into the unit tests.
@@ -36,16 +41,27 @@ function(nfslib_add_part name)
   set_property(GLOBAL APPEND PROPERTY NFSLIB_PARTS nfslib_${name})
 endfunction()
 
-# nfslib_add_host(NAME SOURCES ... LINKS ...): a reference host. It sees the public headers only, and
-# takes the library from the program that it is linked into.
+# nfslib_add_host(NAME SOURCES ... LINKS ...): a reference host, nfslib::NAME. Its public header is
+# <nfslib/hosts/NAME_file_system.h>. It sees the public headers only; in the tree it takes the library
+# from the program that it is linked into, and once installed it brings it along. Installed, it is the
+# component NAME of the package, which finds the packages of LINKS again.
 function(nfslib_add_host name)
   cmake_parse_arguments(HOST "" "" "SOURCES;LINKS" ${ARGN})
-  add_library(nfslib_host_${name} STATIC ${HOST_SOURCES})
-  target_include_directories(nfslib_host_${name} PUBLIC ${PROJECT_SOURCE_DIR}/hosts)
+  set(target nfslib_host_${name})
+  add_library(${target} STATIC ${HOST_SOURCES})
+  add_library(nfslib::${name} ALIAS ${target})
+  target_sources(
+    ${target}
+    PUBLIC FILE_SET HEADERS BASE_DIRS "${PROJECT_SOURCE_DIR}/hosts/include" FILES
+           "${PROJECT_SOURCE_DIR}/hosts/include/nfslib/hosts/${name}_file_system.h")
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/hosts>)
   target_link_libraries(
-    nfslib_host_${name}
-    PUBLIC nfslib_headers ${HOST_LINKS}
-    PRIVATE nfslib_build_flags)
+    ${target}
+    PUBLIC nfslib_headers ${HOST_LINKS} $<INSTALL_INTERFACE:nfslib::nfslib>
+    PRIVATE $<BUILD_INTERFACE:nfslib_build_flags>)
+  set_target_properties(${target} PROPERTIES OUTPUT_NAME nfslib_${name} EXPORT_NAME ${name}
+                                             NFSLIB_LINKS "${HOST_LINKS}")
+  set_property(GLOBAL APPEND PROPERTY NFSLIB_HOSTS ${name})
 endfunction()
 
 # nfslib_add_test(NAME [NETWORK] SOURCES ... LINKS ...): a GoogleTest program, one line of ctest. With

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <nfslib/hosts/memory_file_system.h>
 #include <nfslib/nfs_mount_spec.h>
 #include <nfslib/nfs_path.h>
 
@@ -7,7 +8,6 @@
 #include "common/memory_stream.h"
 #include "common/nfs_handle.h"
 #include "fs/nfs_file_system.h"
-#include "memory/memory_file_system.h"
 #include "nfs3/nfs3_program.h"
 #include "nfs4/nfs4_program.h"
 #include "rpc/mount_program.h"

@@ -1,10 +1,10 @@
 #include "memory/memory_directory.h"
 
 #include <nfslib/exception.h>
+#include <nfslib/hosts/memory_file_system.h>
 
 #include "entry_name.h"
 #include "memory/memory_file.h"
-#include "memory/memory_file_system.h"
 #include "memory/memory_symlink.h"
 
 #include <cerrno>

@@ -1,4 +1,4 @@
-#include "memory/memory_file_system.h"
+#include <nfslib/hosts/memory_file_system.h>
 
 #include "memory/memory_directory.h"
 #include "memory/tree.h"

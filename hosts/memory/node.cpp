@@ -1,6 +1,6 @@
 #include "memory/node.h"
 
-#include "memory/memory_file_system.h"
+#include <nfslib/hosts/memory_file_system.h>
 
 #include <chrono>
 #include <mutex>

@@ -1,4 +1,4 @@
-#include "posix/posix_file_system.h"
+#include <nfslib/hosts/posix_file_system.h>
 
 #include "posix/posix_directory.h"
 #include "posix/tree.h"

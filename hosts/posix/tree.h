@@ -1,8 +1,9 @@
 #pragma once
 
+#include <nfslib/hosts/posix_file_system.h>
+
 #include "posix/changes.h"
 #include "posix/object_ids.h"
-#include "posix/posix_file_system.h"
 #include "posix/system.h"
 #include "writer_first_mutex.h"
 

@@ -1,6 +1,5 @@
-#include "read_only/read_only_file_system.h"
-
 #include <nfslib/exception.h>
+#include <nfslib/hosts/read_only_file_system.h>
 
 #include <optional>
 #include <string>

@@ -5,9 +5,8 @@
 // Prints "mounted" when all of them are. Each line on standard input then ends one, in their order,
 // and is answered with "unmounted".
 
+#include <nfslib/hosts/memory_file_system.h>
 #include <nfslib/nfs_mounter.h>
-
-#include "memory/memory_file_system.h"
 
 #include <exception>
 #include <iostream>

@@ -1,8 +1,8 @@
 #include "fs/directory_listings.h"
 
 #include <nfslib/exception.h>
+#include <nfslib/hosts/memory_file_system.h>
 
-#include "memory/memory_file_system.h"
 #include "support/observed_host.h"
 
 #include <algorithm>

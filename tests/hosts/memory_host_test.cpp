@@ -1,9 +1,9 @@
 // What the tree in memory promises beyond the common rules: its capacity, and link counts.
 
 #include <nfslib/exception.h>
+#include <nfslib/hosts/memory_file_system.h>
 
 #include "hosts/host_conformance.h"
-#include "memory/memory_file_system.h"
 
 #include <gmock/gmock.h>
 

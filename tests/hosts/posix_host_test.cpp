@@ -2,10 +2,10 @@
 // others may change the tree under it, and descriptors are few.
 
 #include <nfslib/exception.h>
+#include <nfslib/hosts/posix_file_system.h>
 
 #include "hosts/host_conformance.h"
 #include "posix/object_ids.h"
-#include "posix/posix_file_system.h"
 #include "posix/system.h"
 #include "support/scratch_directory.h"
 

@@ -8,7 +8,7 @@ import re
 import sys
 
 # Files by the start of their path, and what they may include besides the standard library, the
-# system and <nfslib/...>: "common/" is a folder, "rpc/rpc_program.h" one header. The first row
+# system and the library's <nfslib/...>: "common/" is a folder, "rpc/rpc_program.h" one header. The first row
 # that fits a file counts.
 ARROWS = [
     ("include/nfslib/", []),
@@ -26,13 +26,14 @@ ARROWS = [
     ("src/nfs4/", ["common/", "fs/", "nfs4/", "rpc/rpc_program.h", "server/nfs_service.h"]),
     ("src/server/", ["common/", "fs/", "network/", "nfs3/", "nfs4/", "rpc/", "server/"]),
     # What a host's author writes sees the public headers and nothing else of the library.
-    ("hosts/memory/", ["memory/", "hosts/"]),
-    ("hosts/posix/", ["posix/", "hosts/"]),
-    ("hosts/archive/", ["archive/", "hosts/"]),
-    ("hosts/read_only/", ["read_only/", "hosts/"]),
+    ("hosts/include/", []),
+    ("hosts/memory/", ["memory/", "hosts/", "nfslib/hosts/memory_file_system.h"]),
+    ("hosts/posix/", ["posix/", "hosts/", "nfslib/hosts/posix_file_system.h"]),
+    ("hosts/archive/", ["archive/", "hosts/", "nfslib/hosts/archive_file_system.h"]),
+    ("hosts/read_only/", ["read_only/", "hosts/", "nfslib/hosts/read_only_file_system.h"]),
     ("hosts/", ["hosts/"]),
-    ("tools/nfslib/", ["tools/nfslib/", "memory/", "posix/", "archive/", "read_only/"]),
-    ("examples/", ["examples/"]),
+    ("tools/nfslib/", ["tools/nfslib/", "nfslib/hosts/"]),
+    ("examples/", ["examples/", "nfslib/hosts/"]),
 ]
 
 # What the table has to refuse, so that a slip in it is found.
@@ -47,7 +48,11 @@ FORBIDDEN = [
     ("src/nfs3/procedures/read_link.cpp", '"server/nfs_server_impl.h"'),
     ("src/server/nfs_service.h", '"nfs3/nfs3_program.h"'),
     ("hosts/posix/tree.cpp", '"memory/tree.h"'),
+    ("hosts/posix/tree.cpp", "<nfslib/hosts/memory_file_system.h>"),
+    ("hosts/include/nfslib/hosts/posix_file_system.h", '"posix/tree.h"'),
+    ("src/server/nfs_service.h", "<nfslib/hosts/posix_file_system.h>"),
     ("tools/nfslib/main.cpp", '"common/log.h"'),
+    ("tools/nfslib/main.cpp", '"posix/tree.h"'),
     ("tools/nfslib/main.cpp", '"../../src/common/log.h"'),
     ("examples/two_files.cpp", '"nfslib/log.h"'),
 ]
@@ -65,20 +70,27 @@ def problem(file, include, ours):
     if ".." in target.split("/"):
         return "name headers from the top of their folder, without '..'"
     if include[0] == "<":
+        if target.startswith("nfslib/hosts/"):
+            return refusal(target, allowed)
         if target.startswith("nfslib/"):
             return None
         if target in ours:
             return "write our own headers in quotes"
-        if file.startswith("include/") and ("/" in target or "." in target):
+        if file.startswith(("include/", "hosts/include/")) and ("/" in target or "." in target):
             return "public headers include the standard library and <nfslib/...> only"
         return None
     if target.startswith("nfslib/"):
         return "write public headers in angle brackets"
     if "/" not in target:  # beside the file that includes it, or what all hosts share
         target = ("hosts" if file.startswith("hosts/") else file.rpartition("/")[0]) + "/" + target
-    if not any(target == a or (a.endswith("/") and target.startswith(a)) for a in allowed):
-        return "this folder may include " + (", ".join(allowed) or "public headers only")
-    return None
+    return refusal(target, allowed)
+
+
+def refusal(target, allowed):
+    """What is wrong with a target that none of the `allowed` folders and headers holds; or None."""
+    if any(target == a or (a.endswith("/") and target.startswith(a)) for a in allowed):
+        return None
+    return "this folder may include " + (", ".join(allowed) or "public headers only")
 
 
 def main():

@@ -1,13 +1,13 @@
 // Random operations on a writable export, compared with a model: NFSLIB_MODEL_SEED repeats a run,
 // NFSLIB_MODEL_OPERATIONS says how long it is.
 
+#include <nfslib/hosts/memory_file_system.h>
+#include <nfslib/hosts/posix_file_system.h>
 #include <nfslib/nfs_mount_spec.h>
 #include <nfslib/nfs_path.h>
 #include <nfslib/nfs_server.h>
 
-#include "memory/memory_file_system.h"
 #include "model/random_client.h"
-#include "posix/posix_file_system.h"
 #include "server/ports.h"
 #include "support/scratch_directory.h"
 

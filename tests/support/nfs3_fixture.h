@@ -1,10 +1,10 @@
 #pragma once
 
 #include <nfslib/exception.h>
+#include <nfslib/hosts/memory_file_system.h>
 #include <nfslib/nfs_mount_spec.h>
 
 #include "fs/nfs_file_system.h"
-#include "memory/memory_file_system.h"
 #include "nfs3/attributes.h"
 #include "nfs3/nfs3_program.h"
 #include "server/nfs_service.h"

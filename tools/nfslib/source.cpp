@@ -1,8 +1,8 @@
 #include "source.h"
 
-#include "memory/memory_file_system.h"
-#include "posix/posix_file_system.h"
-#include "read_only/read_only_file_system.h"
+#include <nfslib/hosts/memory_file_system.h>
+#include <nfslib/hosts/posix_file_system.h>
+#include <nfslib/hosts/read_only_file_system.h>
 
 #include <charconv>
 #include <filesystem>
