@@ -1,8 +1,13 @@
 """The built library exports what its public headers mark with NFSLIB_EXPORT, and nothing else.
 
-usage: exported_symbols.py PUBLIC_HEADERS_DIRECTORY LIBRARY NM
+usage: exported_symbols.py [--update] PUBLIC_HEADERS_DIRECTORY LIBRARY LIST
+
+LIST has the symbols that programs may have been linked with, one a line: what is missing in it or in
+the library is an error, since either changes what releases promise. --update writes it anew; a
+symbol that goes, or changes, takes another major version.
 """
 
+import argparse
 import pathlib
 import re
 import subprocess
@@ -49,14 +54,29 @@ def problem(symbol, classes, functions):
     return None
 
 
+def difference(library, listed):
+    """Complaints about what the library and the committed list do not have in common."""
+    return [
+        f"{symbol}: {what}" for symbols, what in (
+            (library - listed, "exported, but not in the list"),
+            (listed - library, "in the list, but not exported: programs that use it would break"))
+        for symbol in sorted(symbols)
+    ]
+
+
 def main():
-    headers, library, nm = sys.argv[1:]
-    classes, functions = declared(pathlib.Path(headers))
-    lines = subprocess.run([nm, "-D", "--defined-only", library], check=True, text=True,
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--update", action="store_true")
+    parser.add_argument("headers", type=pathlib.Path)
+    parser.add_argument("library")
+    parser.add_argument("list", type=pathlib.Path)
+    arguments = parser.parse_args()
+    classes, functions = declared(arguments.headers)
+    lines = subprocess.run(["nm", "-D", "--defined-only", arguments.library], check=True, text=True,
                            stdout=subprocess.PIPE).stdout.splitlines()
-    symbols = [line.split()[-1].partition("@")[0] for line in lines]
+    symbols = {line.split()[-1].partition("@")[0] for line in lines}
     complaints = [
-        f"{symbol}: {why}" for symbol in symbols
+        f"{symbol}: {why}" for symbol in sorted(symbols)
         if (why := problem(symbol, classes, functions))
     ]
     exported = " ".join(symbols)
@@ -67,7 +87,10 @@ def main():
     ]
     if len(classes) < 8 or len(functions) < 5:
         complaints.append(f"too little found in the headers: {classes} {functions}")
-    print("\n".join(complaints) or f"{len(symbols)} symbols, all public")
+    if arguments.update and not complaints:
+        arguments.list.write_text("\n".join(sorted(symbols)) + "\n", encoding="ascii")
+    complaints += difference(symbols, set(arguments.list.read_text(encoding="ascii").split()))
+    print("\n".join(complaints) or f"{len(symbols)} symbols, all public and in the list")
     return bool(complaints)
 
 
