@@ -25,48 +25,108 @@ install(
 install(EXPORT nfslibTargets NAMESPACE nfslib:: DESTINATION ${nfslib_cmake_dir}
         COMPONENT development)
 
+# ---- For pkg-config
+
+# The prefix is told from where the file lies, so that it is right wherever the tree is moved. What a
+# system has in its own place stays there, and is left out by pkg-config only when it is plainly so.
+set(NFSLIB_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+if(NOT NFSLIB_DEBIAN AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  file(RELATIVE_PATH to_prefix "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+  set(NFSLIB_PC_PREFIX "\${pcfiledir}/${to_prefix}")
+endif()
+foreach(dir LIBDIR INCLUDEDIR)
+  set(NFSLIB_PC_${dir} "${CMAKE_INSTALL_${dir}}")
+  if(NOT IS_ABSOLUTE "${NFSLIB_PC_${dir}}")
+    string(PREPEND NFSLIB_PC_${dir} "\${prefix}/")
+  endif()
+endforeach()
+
+# nfslib_install_pc(NAME DESCRIPTION REQUIRES LIBS): NAME.pc for the library NAME and what it needs.
+function(nfslib_install_pc NAME DESCRIPTION REQUIRES LIBS)
+  configure_file("${PROJECT_SOURCE_DIR}/cmake/nfslib.pc.in" "${nfslib_generated}/${NAME}.pc" @ONLY)
+  install(FILES "${nfslib_generated}/${NAME}.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+          COMPONENT development)
+endfunction()
+nfslib_install_pc(nfslib "${PROJECT_DESCRIPTION}" "" "-lnfslib -pthread")
+
 # ---- Hosts, each a component of the CMake package
 
-# What finds the packages behind the targets of `links` again, as CMake code.
-function(nfslib_find_dependencies result links)
-  set(code "")
+# What hosts are linked with: the target (for PkgConfig::X the module), how pkg-config is told of it, and
+# the Debian package that compiling with it takes.
+set(nfslib_known_links
+    "Threads::Threads|-pthread|"
+    "LibArchive::LibArchive|libarchive|libarchive-dev"
+    "libarchive|libarchive|libarchive-dev"
+    "ZLIB::ZLIB|zlib|zlib1g-dev"
+    "zlib|zlib|zlib1g-dev"
+    "BZip2::BZip2|-lbz2|libbz2-dev"
+    "LibLZMA::LibLZMA|liblzma|liblzma-dev"
+    "liblzma|liblzma|liblzma-dev"
+    "libzstd|libzstd|libzstd-dev")
+
+# What is behind the targets of `links`, as code that finds it again (FIND), for pkg-config (REQUIRES,
+# LIBS) and as a list of Debian packages (PACKAGES), each in PREFIX_... of the caller.
+function(nfslib_describe_links prefix links)
   foreach(link IN LISTS links)
     if(link MATCHES "^PkgConfig::(.+)$")
-      set(prefix ${CMAKE_MATCH_1})
-      if(NOT ${prefix}_MODULE_NAME)
-        message(FATAL_ERROR "${link} has to be one pkg-config module to be installed with a host.")
+      set(found ${CMAKE_MATCH_1})
+      set(link "${${found}_MODULE_NAME}")
+      if(NOT link)
+        message(FATAL_ERROR "PkgConfig::${found} is more than one module; a host that is installed "
+                            "needs each of them by itself.")
       endif()
-      string(APPEND code "find_dependency(PkgConfig)\n"
-             "pkg_check_modules(${prefix} REQUIRED QUIET IMPORTED_TARGET ${${prefix}_MODULE_NAME})\n")
+      string(APPEND find "find_dependency(PkgConfig)\n"
+             "pkg_check_modules(${found} REQUIRED QUIET IMPORTED_TARGET ${link})\n")
     elseif(link MATCHES "^([^:]+)::")
-      string(APPEND code "find_dependency(${CMAKE_MATCH_1})\n")
+      string(APPEND find "find_dependency(${CMAKE_MATCH_1})\n")
+    endif()
+    set(row ${nfslib_known_links})
+    list(FILTER row INCLUDE REGEX "^${link}\\|")
+    if(NOT row MATCHES "\\|(.*)\\|(.*)")
+      message(WARNING "nfslib_known_links in cmake/NfslibInstall.cmake has no row for '${link}': "
+                      "pkg-config and Debian packages will not bring it along.")
+      continue()
+    endif()
+    list(APPEND packages ${CMAKE_MATCH_2})
+    if(CMAKE_MATCH_1 MATCHES "^-")
+      string(APPEND libs " ${CMAKE_MATCH_1}")
+    else()
+      string(APPEND requires ", ${CMAKE_MATCH_1}")
     endif()
   endforeach()
-  set(${result} "${code}" PARENT_SCOPE)
+  foreach(part find libs requires packages)
+    string(TOUPPER ${part} name)
+    set(${prefix}_${name} "${${part}}" PARENT_SCOPE)
+  endforeach()
 endfunction()
 
-get_property(nfslib_hosts GLOBAL PROPERTY NFSLIB_HOSTS)
-if(NOT NFSLIB_BUILD_TOOLS)
-  set(nfslib_hosts "")
+set(nfslib_hosts "")
+if(NFSLIB_BUILD_TOOLS)
+  get_property(nfslib_hosts GLOBAL PROPERTY NFSLIB_HOSTS)
 endif()
-foreach(host IN LISTS nfslib_hosts)
-  get_target_property(links nfslib_host_${host} NFSLIB_LINKS)
-  nfslib_find_dependencies(NFSLIB_FIND_DEPENDENCIES "${links}")
-  set(NFSLIB_HOST ${host})
+set(nfslib_host_packages "")
+foreach(NFSLIB_HOST IN LISTS nfslib_hosts)
+  set(target nfslib_host_${NFSLIB_HOST})
+  get_target_property(links ${target} NFSLIB_LINKS)
+  nfslib_describe_links(NFSLIB_HOST "${links}")
+  list(APPEND nfslib_host_packages ${NFSLIB_HOST_PACKAGES})
   configure_file("${PROJECT_SOURCE_DIR}/cmake/nfslibComponent.cmake.in"
-                 "${nfslib_generated}/nfslib-${host}.cmake" @ONLY)
+                 "${nfslib_generated}/nfslib-${NFSLIB_HOST}.cmake" @ONLY)
+  nfslib_install_pc(nfslib_${NFSLIB_HOST} "A ready-made host of nfslib: ${NFSLIB_HOST}"
+                    "nfslib = ${PROJECT_VERSION}${NFSLIB_HOST_REQUIRES}"
+                    "-lnfslib_${NFSLIB_HOST}${NFSLIB_HOST_LIBS}")
   install(
-    TARGETS nfslib_host_${host}
-    EXPORT nfslib-${host}-targets
+    TARGETS ${target}
+    EXPORT nfslib-${NFSLIB_HOST}-targets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
     FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
-  install(EXPORT nfslib-${host}-targets NAMESPACE nfslib:: DESTINATION ${nfslib_cmake_dir}
+  install(EXPORT nfslib-${NFSLIB_HOST}-targets NAMESPACE nfslib:: DESTINATION ${nfslib_cmake_dir}
           COMPONENT development)
-  install(FILES "${nfslib_generated}/nfslib-${host}.cmake" DESTINATION ${nfslib_cmake_dir}
+  install(FILES "${nfslib_generated}/nfslib-${NFSLIB_HOST}.cmake" DESTINATION ${nfslib_cmake_dir}
           COMPONENT development)
 endforeach()
 
-# ---- For find_package and pkg-config
+# ---- For find_package
 
 string(REPLACE ";" ", " NFSLIB_HOST_LIST "${nfslib_hosts}")
 configure_package_config_file(
@@ -77,25 +137,6 @@ write_basic_package_version_file("${nfslib_generated}/nfslibConfigVersion.cmake"
 install(FILES "${nfslib_generated}/nfslibConfig.cmake"
               "${nfslib_generated}/nfslibConfigVersion.cmake"
         DESTINATION ${nfslib_cmake_dir} COMPONENT development)
-
-# The prefix is told from where the file lies, so that it is right wherever the tree is moved.
-function(nfslib_pkg_config_dir result dir)
-  if(NOT IS_ABSOLUTE "${dir}")
-    set(dir "\${prefix}/${dir}")
-  endif()
-  set(${result} "${dir}" PARENT_SCOPE)
-endfunction()
-file(RELATIVE_PATH to_prefix "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
-string(REGEX REPLACE "/$" "" to_prefix "${to_prefix}")
-set(NFSLIB_PC_PREFIX "\${pcfiledir}/${to_prefix}")
-if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
-  set(NFSLIB_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
-endif()
-nfslib_pkg_config_dir(NFSLIB_PC_LIBDIR "${CMAKE_INSTALL_LIBDIR}")
-nfslib_pkg_config_dir(NFSLIB_PC_INCLUDEDIR "${CMAKE_INSTALL_INCLUDEDIR}")
-configure_file("${PROJECT_SOURCE_DIR}/cmake/nfslib.pc.in" "${nfslib_generated}/nfslib.pc" @ONLY)
-install(FILES "${nfslib_generated}/nfslib.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
-        COMPONENT development)
 
 # ---- The tool, its completion, manual pages
 
