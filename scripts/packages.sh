@@ -1,26 +1,28 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing for a purpose, and nothing else.
 #
-#   scripts/packages.sh build|demo|test|bench
+#   scripts/packages.sh build|package|demo|test|bench
 #
 # As root it runs apt-get. Any other user gets the one command that an administrator has to run.
 set -euo pipefail
 
 build="g++ cmake ninja-build pkg-config uuid-dev libtirpc-dev libmagicenum-dev libcli11-dev libspdlog-dev
   libarchive-dev zlib1g-dev libbz2-dev liblzma-dev libzstd-dev"
+package="dpkg-dev file"
 demo="libnfs-utils libnfs-dev"
 test="clang clang-format clang-tidy libclang-rt-dev libgtest-dev libgmock-dev libbenchmark-dev
   libnfs-dev libnfs-utils tshark tcpdump rpcbind nfs-common iproute2 util-linux python3 ccache
   qemu-system-x86 busybox-static kmod cpio e2fsprogs git sqlite3 rsync
-  doxygen graphviz lintian dpkg-dev file man-db zip p7zip-full genisoimage zstd xz-utils bzip2"
+  doxygen graphviz lintian $package man-db zip p7zip-full genisoimage zstd xz-utils bzip2"
 bench="libbenchmark-dev nfs-ganesha nfs-ganesha-vfs iproute2 util-linux python3 rpcbind"
 
 case "${1:-}" in
   build) wanted="$build" ;;
+  package) wanted="$build $package" ;;
   demo) wanted="$build $demo" ;;
   test) wanted="$build $test" ;;
   bench) wanted="$build $bench" ;;
-  *) echo "usage: scripts/packages.sh build|demo|test|bench" >&2; exit 2 ;;
+  *) echo "usage: scripts/packages.sh build|package|demo|test|bench" >&2; exit 2 ;;
 esac
 
 missing=()

@@ -77,6 +77,11 @@ classic() {
   NFSLIB_PROFILE=--classic tests/e2e/run.sh libnfs_test.Libnfs writable_test udp_test
 }
 
+# Installed and removed on a copy of this machine.
+packages() {
+  scripts/package.sh && (cd tests/install && python3 -B -m unittest -v package_test)
+}
+
 # The tool itself under ThreadSanitizer, with eight clients at once.
 threads() {
   NFSLIB_TOOL=$PWD/build/tsan/bin/nfslib NFSLIB_PATIENCE=10 NFSLIB_BIG_FILE_MIB=8 \
@@ -95,6 +100,7 @@ if command -v ccache >/dev/null; then export CMAKE_CXX_COMPILER_LAUNCHER=ccache;
 
 step "format" format
 step "build release with g++" build release
+step "Debian packages" packages
 step "build all with clang++" build clang && step "tests with clang++" unit_tests clang
 step "build asan" build asan && step "tests and corpora under asan" unit_tests asan
 step "build tsan" build tsan && step "tests under tsan" unit_tests tsan
