@@ -44,16 +44,41 @@ class Installed(unittest.TestCase):
         program = build_with_pkg_config(self.work, self.libraries / "pkgconfig")
         check(program, self.work, self.libraries)
 
+    def test_every_host_brings_along_what_it_needs(self):
+        hosts = [path.stem for path in (self.libraries / "pkgconfig").glob("nfslib_*.pc")]
+        self.assertGreaterEqual(len(hosts), 3)
+        project = self.work / "all"
+        project.mkdir()
+        (project / "main.cpp").write_text("int main() {}")
+        whole = ("-Wl,--whole-archive", "-Wl,--no-whole-archive")
+        with self.subTest("pkg-config"):
+            for host in hosts:
+                flags = succeed("env", f"PKG_CONFIG_PATH={self.libraries / 'pkgconfig'}", "pkg-config", "--cflags",
+                                "--libs", host).split()
+                place = flags.index(f"-l{host}")
+                flags[place:place + 1] = [whole[0], flags[place], whole[1]]
+                succeed(consumer.COMPILER, project / "main.cpp", *flags, "-o", project / host)
+        with self.subTest("CMake"):
+            names = [host.removeprefix("nfslib_") for host in hosts]
+            self.configure(project, f"nfslib 1 REQUIRED COMPONENTS {' '.join(names)}", f"""
+                add_executable(every main.cpp)
+                target_link_libraries(every {whole[0]} {' '.join(f'nfslib::{name}' for name in names)} {whole[1]})
+                """, check=True)
+            succeed("cmake", "--build", project / "build")
+
+    def configure(self, project, package, rest="", check=False):
+        """Runs CMake for a project that asks for the package; with `check` it has to succeed."""
+        project.mkdir(exist_ok=True)
+        (project / "CMakeLists.txt").write_text(
+            f"cmake_minimum_required(VERSION 3.23)\nproject(asks CXX)\nfind_package({package})\n{rest}")
+        return (succeed if check else support.run)(
+            "cmake", "-S", project, "-B", project / "build", f"-DCMAKE_PREFIX_PATH={self.prefix}",
+            f"-DCMAKE_CXX_COMPILER={consumer.COMPILER}")
+
     def test_what_is_not_installed_is_named(self):
         for asked, answer in (("1.0 COMPONENTS nonesuch", "no component 'nonesuch'; installed are:.*posix"),
                               ("2.0", "version: 1.0.0")):
-            project = self.work / "asks"
-            project.mkdir(exist_ok=True)
-            (project / "CMakeLists.txt").write_text(
-                f"cmake_minimum_required(VERSION 3.23)\nproject(asks CXX)\nfind_package(nfslib {asked} REQUIRED)\n")
-            done = support.run("cmake", "-S", project, "-B", project / "build",
-                               f"-DCMAKE_PREFIX_PATH={self.prefix}",
-                               f"-DCMAKE_CXX_COMPILER={consumer.COMPILER}", timeout=60)
+            done = self.configure(self.work / "asks", f"nfslib {asked} REQUIRED")
             self.assertNotEqual(done.returncode, 0, asked)
             self.assertRegex(re.sub(r"\s+", " ", done.stderr.decode()), answer)
 
