@@ -8,7 +8,7 @@ set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL library development tools)
-# umask of the one who builds is nobody's concern
+# Whatever the umask of the one who builds.
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
@@ -63,8 +63,8 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION
 ${about}This package has the command nfslib, which needs no configuration and
 leaves nothing behind.")
 
-# What other packages are told of the library: from which version on it has a symbol, for those that
-# are built against it, and that ldconfig has to look.
+# What other packages are told of the library: which version has its symbols (this one, for a program
+# that was built with it), and that ldconfig has to look.
 set(soname "libnfslib.so.${PROJECT_VERSION_MAJOR}")
 set(generated "${PROJECT_BINARY_DIR}/debian")
 file(STRINGS "${PROJECT_SOURCE_DIR}/cmake/nfslib.symbols" symbols)

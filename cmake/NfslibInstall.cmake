@@ -27,8 +27,9 @@ install(EXPORT nfslibTargets NAMESPACE nfslib:: DESTINATION ${nfslib_cmake_dir}
 
 # ---- For pkg-config
 
-# The prefix is told from where the file lies, so that it is right wherever the tree is moved. What a
-# system has in its own place stays there, and is left out by pkg-config only when it is plainly so.
+# The prefix is told from where the file lies, so that it is right wherever the tree is moved. A Debian
+# package stays where it is, and its directories are written plainly: pkg-config knows them for those
+# that every compiler searches, and leaves them out.
 set(NFSLIB_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
 if(NOT NFSLIB_DEBIAN AND NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
   file(RELATIVE_PATH to_prefix "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
@@ -68,6 +69,9 @@ set(nfslib_known_links
 # What is behind the targets of `links`, as code that finds it again (FIND), for pkg-config (REQUIRES,
 # LIBS) and as a list of Debian packages (PACKAGES), each in PREFIX_... of the caller.
 function(nfslib_describe_links prefix links)
+  foreach(part find libs requires packages)
+    set(${part} "")
+  endforeach()
   foreach(link IN LISTS links)
     if(link MATCHES "^nfslib(_host_|::)(.+)$")
       string(APPEND find "include(\"\${CMAKE_CURRENT_LIST_DIR}/nfslib-${CMAKE_MATCH_2}.cmake\")\n")
