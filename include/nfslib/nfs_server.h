@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nfslib/export.h>
+#include <nfslib/nfs_server_statistics.h>
 
 #include <memory>
 
@@ -52,6 +53,13 @@ class NFSLIB_EXPORT NfsServer {
   /// The port of the MOUNT program, in host byte order; 0 when there is none (NFS version 4 needs
   /// no MOUNT program). Throws when the server is not running.
   unsigned int getMountPort() const;
+
+  /// What has been counted since the process began, over all starts of the server. Never waits for
+  /// requests nor makes them wait, and may be asked for while the server is stopped.
+  NfsServerStatistics getStatistics() const;
+  /// Has `observer` told of each TCP connection from now on; an empty one ends that. The one before
+  /// may still be called by a thread that is about to.
+  void setConnectionObserver(NfsConnectionObserver observer);
 
   NfsServer(const NfsServer&) = delete;
   NfsServer& operator=(const NfsServer&) = delete;

@@ -1,5 +1,6 @@
 #include "fs/directory_listings.h"
 
+#include "common/statistics.h"
 #include "fs/entry_name.h"
 
 #include <algorithm>
@@ -114,6 +115,7 @@ DirectoryListings::Listings DirectoryListings::take(std::uint64_t fileId, std::u
   const auto at = std::ranges::find_if(m_listings, [&](const Listing& listing) {
     return listing.number == number && listing.fileId == fileId;
   });
+  statistics::countLookUp(statistics::Cache::Listings, at != m_listings.end());
   if (at == m_listings.end()) return taken;
   taken.clear();
   taken.splice(taken.begin(), m_listings, at);

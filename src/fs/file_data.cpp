@@ -1,5 +1,6 @@
 #include "fs/file_data.h"
 
+#include "common/statistics.h"
 #include "fs/cache_triggers.h"
 
 #include <utility>
@@ -30,6 +31,7 @@ void writeFileData(MemoryStream& out, const std::shared_ptr<File>& file, std::ui
     file->Read(offset, data.data(), data.size());
   }
   out.writeOpaqueTail(length);
+  statistics::count(statistics::Counter::BytesRead, length);
 }
 
 }  // namespace nfslib

@@ -3,6 +3,7 @@
 #include "common/clock.h"
 #include "common/host_failure.h"
 #include "common/log.h"
+#include "common/statistics.h"
 #include "fs/cache_triggers.h"
 #include "fs/entry_name.h"
 
@@ -89,8 +90,9 @@ std::optional<MetaData> NfsFileSystem::findMetaData(const NfsPath& path) {
 }
 
 MetaData NfsFileSystem::lookUpMetaData(const NfsPath& path) {
-  if (auto cached = m_metaData->find(path)) return *std::move(cached);
-  return askForMetaData(path);
+  auto cached = m_metaData->find(path);
+  statistics::countLookUp(statistics::Cache::Attributes, cached.has_value());
+  return cached ? *std::move(cached) : askForMetaData(path);
 }
 
 MetaData NfsFileSystem::askForMetaData(const NfsPath& path) {
@@ -217,7 +219,9 @@ std::shared_ptr<Directory> NfsFileSystem::openHostDirectory(const NfsPath& path)
   std::uint64_t changesBefore = 0;
   {
     const std::lock_guard lock(m_cacheLock);
-    if (const auto cached = m_directories.find(path)) return *cached;
+    const auto cached = m_directories.find(path);
+    statistics::countLookUp(statistics::Cache::Directories, cached.has_value());
+    if (cached) return *cached;
     parent = m_directories.find(path.getParentPath()).value_or(nullptr);
     changesBefore = m_changes;
   }
@@ -242,7 +246,9 @@ std::shared_ptr<File> NfsFileSystem::openFile(const NfsPath& path) {
   std::uint64_t changesBefore = 0;
   {
     const std::lock_guard lock(m_cacheLock);
-    if (auto cached = m_files.find(path)) return *std::move(cached);
+    auto cached = m_files.find(path);
+    statistics::countLookUp(statistics::Cache::Files, cached.has_value());
+    if (cached) return *std::move(cached);
     changesBefore = m_changes;
   }
   auto file = opened(openDirectory(path.getParentPath())->OpenFile(path.getFileName()));
@@ -289,6 +295,7 @@ bool NfsFileSystem::listFromPosition(const Listed& listed, std::uint64_t cookie,
   auto stored = cookie == 0
                     ? std::nullopt
                     : m_positions.take(host, listed.isRoot, listed.modifyTime, cookie, order);
+  if (cookie != 0) statistics::countLookUp(statistics::Cache::Listings, stored.has_value());
   DirectoryIterator it = stored ? std::move(stored->it) : getDirIterator(listed.dir);
   std::uint64_t skipped = stored ? stored->cookie : 0;
   // The client may name any cookie; there are no more steps than entries.

@@ -13,6 +13,7 @@ ConnectionHandler::ConnectionHandler(rpc::RpcRequestProcessor& processor, const 
       m_peer(peer) {}
 
 void ConnectionHandler::handleConnection(const bool& stop) {
+  begun();
   try {
     processRequests(stop);
   } catch (std::exception& e) {
@@ -22,6 +23,7 @@ void ConnectionHandler::handleConnection(const bool& stop) {
     log().err("Failed to process request. Unknown exception.");
   }
   dispose();
+  ended();
   release();
   m_stream.reset();
   m_active = false;

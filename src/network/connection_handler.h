@@ -38,6 +38,9 @@ class ConnectionHandler {
 
  protected:
   virtual void processRequests(const bool& stop) = 0;
+  // The thread that serves the connection begins, and ends, before it gives back what it holds.
+  virtual void begun() {}
+  virtual void ended() {}
   // Gives back what the connection holds.
   virtual void release() = 0;
   // A stream that failed stays failed: the next request gets a fresh one.

@@ -1,6 +1,7 @@
 #include "network/read_ahead.h"
 
 #include "common/log.h"
+#include "common/statistics.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -11,7 +12,7 @@
 
 namespace nfslib::network {
 
-std::size_t ReadAhead::receive(memory::mutable_buffer dst, int flags) const {
+std::size_t ReadAhead::receive(memory::mutable_buffer dst, int flags) {
   ssize_t received = 0;
   do {
     received = recv(m_socket, dst.data(), dst.size(), flags);
@@ -22,6 +23,8 @@ std::size_t ReadAhead::receive(memory::mutable_buffer dst, int flags) const {
     throw std::runtime_error(
         message("Failed to receive data. Error: [%1]", utility::getErrnoDescription(errno)));
   }
+  m_received += static_cast<std::uint64_t>(received);
+  statistics::count(statistics::Counter::BytesReceived, static_cast<std::uint64_t>(received));
   return static_cast<std::size_t>(received);
 }
 

@@ -4,6 +4,7 @@
 #include "common/zero_pages.h"
 
 #include <cstddef>
+#include <cstdint>
 
 namespace nfslib::network {
 
@@ -26,16 +27,19 @@ class ReadAhead {
   std::size_t take(memory::mutable_buffer dst);
   // Drops the next `n` bytes. Returns how many there were before the peer closed. Throws the same.
   std::size_t skip(std::size_t n);
+  // All bytes that have come so far.
+  std::uint64_t received() const { return m_received; }
 
  private:
   // One receive into `dst`; 0 when the peer closed.
-  std::size_t receive(memory::mutable_buffer dst, int flags) const;
+  std::size_t receive(memory::mutable_buffer dst, int flags);
   bool fill();
 
   int m_socket;
   memory::ZeroPages m_area{kCapacity};
   std::size_t m_begin = 0;
   std::size_t m_end = 0;
+  std::uint64_t m_received = 0;
 };
 
 }  // namespace nfslib::network

@@ -3,6 +3,7 @@
 #include <nfslib/file_system.h>
 
 #include "common/log.h"
+#include "common/statistics.h"
 #include "network/send_file.h"
 #include "network/stop_flag.h"
 #include "rpc/rpc_request_processor.h"
@@ -162,6 +163,7 @@ bool TcpConnectionHandler::anotherRecordAtHand() const {
 }
 
 void TcpConnectionHandler::flush() {
+  ++m_calls;
   if (auto& part = m_stream->fileInOutput()) {
     sendReplyWithFile(*part);
     m_stream->clearOutput();
@@ -194,6 +196,7 @@ void TcpConnectionHandler::sendReplies(memory::const_buffer last, int flags) {
         throw std::runtime_error(
             message("Failed to send data. Error: [%1]", utility::getErrnoDescription(errno)));
       }
+      countSent(static_cast<std::size_t>(sent));
       const std::size_t fromKept = std::min(kept.size(), static_cast<std::size_t>(sent));
       kept += fromKept;
       last += static_cast<std::size_t>(sent) - fromKept;
@@ -215,6 +218,7 @@ void TcpConnectionHandler::sendReplyWithFile(OutputFromFile& part) {
     const ssize_t sent = sendFile(m_socket, file, offset, rest.size());
     if (sent < 0 && errno == EINTR) continue;
     if (sent <= 0) break;
+    countSent(static_cast<std::size_t>(sent));
     offset += static_cast<std::uint64_t>(sent);
     rest += static_cast<std::size_t>(sent);
   }
@@ -235,6 +239,29 @@ void TcpConnectionHandler::sendReplyWithFile(OutputFromFile& part) {
     missing += static_cast<std::size_t>(read);
   }
   sendReplies({rest.data(), static_cast<std::size_t>(reply.end() - rest.data())});
+}
+
+void TcpConnectionHandler::countSent(std::size_t bytes) {
+  m_bytesSent += bytes;
+  statistics::count(statistics::Counter::BytesSent, bytes);
+}
+
+void TcpConnectionHandler::begun() {
+  statistics::count(statistics::Counter::ConnectionsAccepted);
+  statistics::tell(
+      {.isOpen = true, .address = m_peer.sin_addr.s_addr, .port = ntohs(m_peer.sin_port)});
+}
+
+void TcpConnectionHandler::ended() {
+  using std::chrono::milliseconds;
+  statistics::count(statistics::Counter::ConnectionsClosed);
+  statistics::tell({.isOpen = false,
+                    .address = m_peer.sin_addr.s_addr,
+                    .port = ntohs(m_peer.sin_port),
+                    .duration = std::chrono::duration_cast<milliseconds>(Clock::now() - m_accepted),
+                    .calls = m_calls,
+                    .bytesReceived = m_received->received(),
+                    .bytesSent = m_bytesSent});
 }
 
 void TcpConnectionHandler::dispose() {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -34,6 +35,8 @@ class TcpConnectionHandler final : public ConnectionHandler {
   using Clock = std::chrono::steady_clock;
 
   void processRequests(const bool& stop) override;
+  void begun() override;
+  void ended() override;
   void release() override;
 
   // All four return false when the connection is to end, after a line that says why.
@@ -51,6 +54,7 @@ class TcpConnectionHandler final : public ConnectionHandler {
   bool anotherRecordAtHand() const;
   // Sends what was kept back and then `last`, all of it. `flags` as for sendmsg.
   void sendReplies(memory::const_buffer last, int flags = 0);
+  void countSent(std::size_t bytes);
   // The same for a reply with a part that comes from a file.
   void sendReplyWithFile(OutputFromFile& part);
 
@@ -60,6 +64,10 @@ class TcpConnectionHandler final : public ConnectionHandler {
   std::optional<ReadAhead> m_received;  // until the connection ends
   std::vector<std::byte> m_replies;     // kept back
   Clock::time_point m_firstReply;       // when the oldest of them was ready
+
+  const Clock::time_point m_accepted = Clock::now();
+  std::uint64_t m_calls = 0;  // answered
+  std::uint64_t m_bytesSent = 0;
 };
 
 }  // namespace nfslib::network

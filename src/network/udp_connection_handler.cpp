@@ -1,12 +1,14 @@
 #include "network/udp_connection_handler.h"
 
 #include "common/log.h"
+#include "common/statistics.h"
 #include "network/address.h"
 #include "network/stop_flag.h"
 #include "rpc/rpc_request_processor.h"
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <stdexcept>
 #include <thread>
 
@@ -57,6 +59,7 @@ bool UdpConnectionHandler::receive() {
     throw std::runtime_error(
         message("Failed to receive data. Error: [%1]", utility::getErrnoDescription(error)));
   }
+  statistics::count(statistics::Counter::BytesReceived, static_cast<std::uint64_t>(received));
   m_stream->setInputSize(static_cast<unsigned>(received));
   return true;
 }
@@ -75,6 +78,9 @@ void UdpConnectionHandler::flush() {
     } while (sent < 0 && errno == EINTR);
   }
   m_stream->clearOutput();
+  if (sent > 0) {
+    statistics::count(statistics::Counter::BytesSent, static_cast<std::uint64_t>(sent));
+  }
   if (sent < 0) {
     const std::string why =
         message("Failed to send data. Error: [%1]", utility::getErrnoDescription(errno));

@@ -23,6 +23,9 @@ class Nfs3Program : public rpc::RpcProgram {
 
   rpc::Versions versions() const override { return {kVersion, kVersion}; }
   bool mustRunOnce(const rpc::RpcProgramParameters& parameters) const override;
+  rpc::Counted countedAs(const rpc::RpcProgramParameters& call) const override {
+    return {{statistics::Table::Nfs3, call.procedure}, call.procedure != 0};
+  }
   rpc::RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                             const rpc::AuthOpaque& caller) override;
 

@@ -1,6 +1,7 @@
 #include "nfs4/compound.h"
 
 #include "common/host_failure.h"
+#include "common/statistics.h"
 #include "nfs4/operation_table.h"
 #include "nfs4/rights.h"
 
@@ -126,8 +127,17 @@ OperationResult CCompound::executeNextOperation(MemoryStream& stream, NfsService
   unsigned number = 0;
   stream >> number;
   checkDecoded(call);
+  statistics::CountedCall counted({statistics::Table::Nfs4Operations, number});
+  const OperationResult status = executeOperation(call, number);
+  counted.endedWith(status == OperationResult::OK);
+  return status;
+}
+
+OperationResult CCompound::executeOperation(Call& call, unsigned number) {
+  MemoryStream& stream = call.stream;
+  const FlowOptions& flow = call.flow;
   log().dbg("NFS4 operation: [%1]", number);
-  const Profile& profile = service.profile();
+  const Profile& profile = call.service.profile();
   if (number < kFirstOperation || number > lastOperation(profile, flow.minorVersion)) {
     return refuse(call, kIllegalOperation, OperationResult::OperationIllegal);
   }
@@ -146,7 +156,7 @@ OperationResult CCompound::executeNextOperation(MemoryStream& stream, NfsService
     case Rule::Any:
       break;
     case Rule::Write:
-      if (!writeEnabled) return refuse(call, number, OperationResult::ReadOnlyFileSystem);
+      if (!call.writeEnabled) return refuse(call, number, OperationResult::ReadOnlyFileSystem);
       break;
     case Rule::Alone:
       if (isFirst && flow.operationsCount > 1) {

@@ -20,6 +20,9 @@ struct CCompound {
   static nfs::OperationResult executeNextOperation(MemoryStream& stream, NfsService& service,
                                                    const rpc::AuthOpaque& caller, bool writeEnabled,
                                                    FlowOptions& flow);
+
+ private:
+  static nfs::OperationResult executeOperation(Call& call, unsigned number);
 };
 
 }  // namespace nfslib::nfs4::procedures

@@ -11,6 +11,18 @@ namespace nfslib::nfs {
 
 using rpc::RpcProgramResult;
 
+namespace {
+
+constexpr unsigned kNull = 0;
+constexpr unsigned kCompound = 1;
+
+}  // namespace
+
+std::string_view Nfs4Program::procedureName(unsigned procedure) {
+  if (procedure == kNull) return "NULL";
+  return procedure == kCompound ? "COMPOUND" : "";
+}
+
 RpcProgramResult Nfs4Program::run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                                   const rpc::AuthOpaque& caller) {
   if (parameters.version != kVersion) {
@@ -22,8 +34,6 @@ RpcProgramResult Nfs4Program::run(MemoryStream& stream, const rpc::RpcProgramPar
 
 RpcProgramResult Nfs4Program::runNfs4(MemoryStream& stream, unsigned procedure,
                                       const rpc::AuthOpaque& caller) {
-  constexpr unsigned kNull = 0;
-  constexpr unsigned kCompound = 1;
   log().dbg("NFS procedure: [%1]", procedure);
   if (procedure == kNull) return RpcProgramResult::Success;
   if (procedure != kCompound) return notImplemented(procedure);

@@ -2,6 +2,8 @@
 
 #include "rpc/rpc_program.h"
 
+#include <string_view>
+
 namespace nfslib {
 class NfsService;
 }  // namespace nfslib
@@ -20,7 +22,13 @@ class Nfs4Program : public rpc::RpcProgram {
   Nfs4Program(NfsService& service, bool writeEnabled)
       : m_service(service), m_writeEnabled(writeEnabled) {}
 
+  // Empty for a procedure that there is not.
+  static std::string_view procedureName(unsigned procedure);
+
   rpc::Versions versions() const override { return {kVersion, kVersion}; }
+  rpc::Counted countedAs(const rpc::RpcProgramParameters& call) const override {
+    return {{statistics::Table::Nfs4, call.procedure}, call.procedure != 0};
+  }
   rpc::RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                             const rpc::AuthOpaque& caller) override;
 

@@ -5,6 +5,7 @@
 #include "common/xdr_records.h"
 #include "server/nfs_service.h"
 
+#include <array>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,8 +27,21 @@ enum Procedure : unsigned {
 };
 constexpr std::size_t kMaxPathLength = 1024;  // MNTPATHLEN
 constexpr std::string_view kEverybody = "*";
+constexpr std::array<std::string_view, kExport + 1> kNames{"NULL", "MNT",     "DUMP",
+                                                           "UMNT", "UMNTALL", "EXPORT"};
 
 }  // namespace
+
+std::string_view MountProgram::procedureName(unsigned procedure) {
+  return procedure < kNames.size() ? kNames[procedure] : "";
+}
+
+rpc::Counted MountProgram::countedAs(const rpc::RpcProgramParameters& call) const {
+  using enum statistics::Table;
+  const statistics::Table table =
+      call.version == 1 ? Mount1 : (call.version == 2 ? Mount2 : Mount3);
+  return {{table, call.procedure}, call.procedure == kMount};
+}
 
 RpcProgramResult MountProgram::run(MemoryStream& stream,
                                    const rpc::RpcProgramParameters& parameters,

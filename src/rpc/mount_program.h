@@ -5,6 +5,7 @@
 #include "rpc/rpc_program.h"
 
 #include <string>
+#include <string_view>
 
 namespace nfslib {
 class NfsService;
@@ -18,7 +19,11 @@ class MountProgram : public rpc::RpcProgram {
  public:
   explicit MountProgram(NfsService& service) : m_service(service) {}
 
+  // Empty for a procedure that there is not.
+  static std::string_view procedureName(unsigned procedure);
+
   rpc::Versions versions() const override { return {1, 3}; }
+  rpc::Counted countedAs(const rpc::RpcProgramParameters& call) const override;
   // In the classic profile a path that is no export ends in the exception of NfsService::getHandle.
   rpc::RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                             const rpc::AuthOpaque& caller) override;

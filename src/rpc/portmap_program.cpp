@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -26,8 +27,27 @@ struct NetworkId {
 };
 constexpr std::array kNetworkIds{NetworkId{kTcp, "tcp"}, NetworkId{kUdp, "udp"}};
 constexpr unsigned kNoPort = 0;
+// RFC 1833 sections 3.2 and 2.2.1.
+constexpr std::array<std::string_view, 6> kNames{"NULL",    "SET",  "UNSET",
+                                                 "GETPORT", "DUMP", "CALLIT"};
+constexpr std::array<std::string_view, 13> kRpcbindNames{
+    "NULL",        "SET",         "UNSET",       "GETADDR",  "DUMP",        "BCAST",  "GETTIME",
+    "UADDR2TADDR", "TADDR2UADDR", "GETVERSADDR", "INDIRECT", "GETADDRLIST", "GETSTAT"};
 
 }  // namespace
+
+std::string_view PortMapProgram::procedureName(unsigned version, unsigned procedure) {
+  const std::span<const std::string_view> names =
+      version > kOwnVersion ? std::span<const std::string_view>(kRpcbindNames) : kNames;
+  return procedure < names.size() ? names[procedure] : "";
+}
+
+rpc::Counted PortMapProgram::countedAs(const rpc::RpcProgramParameters& call) const {
+  using enum statistics::Table;
+  const statistics::Table table =
+      call.version <= kOwnVersion ? Portmap2 : (call.version == 3 ? Portmap3 : Portmap4);
+  return {{table, call.procedure}};
+}
 
 void PortMapProgram::map(unsigned int program, unsigned int port, unsigned int protocol,
                          unsigned int version) {

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -32,6 +33,9 @@ class PortMapProgram : public rpc::RpcProgram {
   // The universal address (RFC 5665 section 5.2.3.3) at which a port of the server is reached.
   using AddressOfPort = std::function<std::string(unsigned port)>;
 
+  // Empty for a procedure that the version does not have.
+  static std::string_view procedureName(unsigned version, unsigned procedure);
+
   // The classic profile, which tells no addresses.
   PortMapProgram() = default;
   PortMapProgram(const Profile& profile, AddressOfPort addressOf)
@@ -41,6 +45,7 @@ class PortMapProgram : public rpc::RpcProgram {
   void map(unsigned int program, unsigned int port, unsigned int protocol, unsigned int version);
 
   rpc::Versions versions() const override { return {2, 4}; }
+  rpc::Counted countedAs(const rpc::RpcProgramParameters& call) const override;
   rpc::RpcProgramResult run(MemoryStream& stream, const rpc::RpcProgramParameters& parameters,
                             const rpc::AuthOpaque& caller) override;
 

@@ -2,6 +2,7 @@
 
 #include "common/credential.h"
 #include "common/memory_stream.h"
+#include "common/statistics.h"
 
 namespace nfslib::rpc {
 
@@ -29,6 +30,12 @@ struct Versions {
   bool contain(unsigned version) const { return version >= lowest && version <= highest; }
 };
 
+// As what a call is counted, and whether its results begin with a status that is 0 for success.
+struct Counted {
+  statistics::Row row;
+  bool hasStatus = false;
+};
+
 // One served RPC program. It chooses by version and procedure what to serve: in the classic profile
 // the server checks neither, in the modern one the version.
 class RpcProgram {
@@ -36,6 +43,9 @@ class RpcProgram {
   virtual Versions versions() const { return {}; }
   // Whether a call that comes twice must be done once. Asked for every call.
   virtual bool mustRunOnce(const RpcProgramParameters&) const { return false; }
+  virtual Counted countedAs(const RpcProgramParameters& call) const {
+    return {{statistics::Table::Other, call.procedure}};
+  }
   // Decodes its arguments from `stream`, which stands just behind the call header, and encodes its
   // results. May be called from several threads at once.
   virtual RpcProgramResult run(MemoryStream& stream, const RpcProgramParameters& parameters,

@@ -1,10 +1,12 @@
 #include "rpc/rpc_server.h"
 
 #include "common/log.h"
+#include "common/statistics.h"
 #include "network/tcp_connection_handler.h"
 #include "network/udp_connection_handler.h"
 #include "rpc/caller_rule.h"
 
+#include <array>
 #include <exception>
 #include <utility>
 
@@ -14,6 +16,15 @@ namespace {
 
 std::uint32_t addressOf(const network::ConnectionHandler& connection) {
   return connection.getRemoteAddress().sin_addr.s_addr;
+}
+
+// Whether the results from there on begin with a status other than 0.
+bool beginsWithFailure(const MemoryStream& stream, unsigned resultsStart) {
+  constexpr std::array<std::byte, 4> kOk{};
+  memory::const_buffer status(stream.getOutputBuffer());
+  status += resultsStart;
+  return !(memory::const_buffer(status, kOk.size()) ==
+           memory::const_buffer(kOk.data(), kOk.size()));
 }
 
 }  // namespace
@@ -72,14 +83,17 @@ RpcProgramResult RpcServer::ProcessRpcRequestOverTcp(MemoryStream& stream, Calle
 RpcProgramResult RpcServer::processRequest(MemoryStream& stream, const RpcHeader& header,
                                            CallerAddress caller) {
   if (m_profile.isModern && refusesMessage(stream, header)) {
+    statistics::count(statistics::Counter::InvalidCalls);
     return RpcProgramResult::GarbageArguments;
   }
   const AcceptStatus status = getHeaderStatus(stream, header);
   if (!callerRule(m_profile).allows(header, m_allowedGroupId)) {
+    statistics::count(statistics::Counter::RefusedCalls);
     sendDenialMessage(stream, header);
     return RpcProgramResult::GarbageArguments;
   }
   if (status != AcceptStatus::Success) {
+    statistics::count(statistics::Counter::InvalidCalls);
     sendAcceptanceMessage(stream, header, status);
     return RpcProgramResult::GarbageArguments;
   }
@@ -102,6 +116,7 @@ RpcProgramResult RpcServer::answerOnce(MemoryStream& stream, const RpcHeader& he
                          .version = header.programVersion,
                          .procedure = header.procedure,
                          .checksum = utility::sipHash(m_hashKey, stream.getInputBuffer())});
+  statistics::countLookUp(statistics::Cache::Replies, turn.reply() != nullptr);
   if (const ReplyCache::Reply* reply = turn.reply()) {
     log().info("Call [%1] came again: program [%2], procedure [%3]. Its reply is repeated.",
                header.xid, header.program, header.procedure);
@@ -166,11 +181,15 @@ void RpcServer::sendDenialMessage(MemoryStream& stream, const RpcHeader& header)
 
 RpcProgramResult RpcServer::executeRpcProcedure(MemoryStream& stream, const RpcHeader& header) {
   const unsigned resultsStart = stream.getOutputPosition();
+  RpcProgram& program = *m_programs.find(header.program)->second;
+  const RpcProgramParameters parameters{header.programVersion, header.procedure};
+  const Counted counted = program.countedAs(parameters);
+  statistics::CountedCall call(counted.row);
   RpcProgramResult result = RpcProgramResult::SystemError;
   try {
-    result =
-        m_programs.find(header.program)
-            ->second->run(stream, {header.programVersion, header.procedure}, header.credentials);
+    result = program.run(stream, parameters, header.credentials);
+    call.endedWith(result == RpcProgramResult::Success &&
+                   !(counted.hasStatus && beginsWithFailure(stream, resultsStart)));
   } catch (std::exception& e) {
     if (!m_profile.isModern) throw;
     log().errWith(e, "Program [%1], procedure [%2] failed.", header.program, header.procedure);

@@ -67,6 +67,7 @@ class RpcServer : public RpcRequestProcessor {
   // The same for a call that must not be done twice: its reply, from its head on, is kept.
   RpcProgramResult answerOnce(MemoryStream& stream, const RpcHeader& header, std::uint32_t caller);
   RpcProgramResult answer(MemoryStream& stream, const RpcHeader& header);
+  // Counts the call.
   RpcProgramResult executeRpcProcedure(MemoryStream& stream, const RpcHeader& header);
   static void updateHeaderWithProgramRC(MemoryStream& stream, unsigned resultsStart,
                                         RpcProgramResult result);

@@ -1,6 +1,7 @@
 #include <nfslib/nfs_server.h>
 
 #include "common/log.h"
+#include "common/statistics.h"
 #include "network/address.h"
 #include "network/stop_flag.h"
 #include "rpc/mount_program.h"
@@ -18,6 +19,7 @@
 #include <exception>
 #include <list>
 #include <stdexcept>
+#include <utility>
 
 #include <sys/socket.h>
 
@@ -368,5 +370,9 @@ void NfsServer::reRunServer(const NfsMountSpec& spec) { m_impl->reRunServer(spec
 unsigned int NfsServer::getAddress() const { return m_impl->getAddress(); }
 unsigned int NfsServer::getNfsPort() const { return m_impl->getNfsPort(); }
 unsigned int NfsServer::getMountPort() const { return m_impl->getMountPort(); }
+NfsServerStatistics NfsServer::getStatistics() const { return m_impl->getStatistics(); }
+void NfsServer::setConnectionObserver(NfsConnectionObserver observer) {
+  statistics::setObserver(std::move(observer));
+}
 
 }  // namespace nfslib

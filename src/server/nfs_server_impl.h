@@ -37,6 +37,7 @@ class __attribute__((visibility("hidden"))) NfsServer::Impl : public NfsService 
   unsigned int getAddress() const;
   unsigned int getNfsPort() const;
   unsigned int getMountPort() const;
+  static NfsServerStatistics getStatistics();
   // Stops the server and withdraws all exports; false when the server thread has not ended in time
   // and still uses this object.
   bool shutDown();

@@ -1,5 +1,6 @@
 #include "common/host_failure.h"
 #include "common/log.h"
+#include "common/statistics.h"
 #include "common/xdr_records.h"
 #include "nfs3/arguments.h"
 #include "nfs3/changing.h"
@@ -40,6 +41,7 @@ void CWriteFile::execute(MemoryStream& stream, NfsService& service, const rpc::A
     });
   }
   if (status != OperationResult::OK) written = 0;
+  statistics::count(statistics::Counter::BytesWritten, written);
   const WccData wcc = file.wccData();
 
   stream << status << wcc << written << stable << service.identity().writeVerifier;

@@ -1,5 +1,6 @@
 #include "common/clock.h"
 #include "common/host_failure.h"
+#include "common/statistics.h"
 #include "nfs4/open_states.h"
 #include "nfs4/operations.h"
 #include "nfs4/read_write_directory_cache.h"
@@ -18,6 +19,7 @@ constexpr unsigned kFileSync = 2;  // FILE_SYNC4: the host has every byte
 void write(const Call& call, File& file, std::uint64_t offset, const memory::const_buffer& data) {
   auto& object = call.current();
   file.Write(offset, data.data(), data.size());
+  statistics::count(statistics::Counter::BytesWritten, data.size());
   object.metaData = file.GetMetaData();
   if (!call.service.profile().stampsTimes) return;
   object.metaData.changeTime = object.metaData.modifyTime = utility::currentSeconds();
