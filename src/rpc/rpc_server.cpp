@@ -6,7 +6,7 @@
 #include "network/udp_connection_handler.h"
 #include "rpc/caller_rule.h"
 
-#include <array>
+#include <cstring>
 #include <exception>
 #include <utility>
 
@@ -20,11 +20,10 @@ std::uint32_t addressOf(const network::ConnectionHandler& connection) {
 
 // Whether the results from there on begin with a status other than 0.
 bool beginsWithFailure(const MemoryStream& stream, unsigned resultsStart) {
-  constexpr std::array<std::byte, 4> kOk{};
-  memory::const_buffer status(stream.getOutputBuffer());
-  status += resultsStart;
-  return !(memory::const_buffer(status, kOk.size()) ==
-           memory::const_buffer(kOk.data(), kOk.size()));
+  unsigned status = 0;
+  if (stream.getOutputDataSize() < resultsStart + sizeof status) return true;
+  std::memcpy(&status, stream.getOutputBuffer().data() + resultsStart, sizeof status);
+  return status != 0;  // whatever the order of its bytes
 }
 
 }  // namespace

@@ -87,6 +87,11 @@ void addServeOptions(CLI::App& command, nfslib::tool::ServeOptions& options, Raw
   command.add_option("--log-level", options.logLevel, "error, warn (default), info or debug")
       ->check(CLI::IsMember({"error", "warn", "info", "debug"}));
   command.add_option("--log-file", options.logFile, "Append the log to a file");
+  command.add_flag(
+      "-v,--verbose", options.report.isVerbose,
+      "Tell of each connection, and the statistics at the end (at SIGUSR1 in any case)");
+  command.add_option("--stats-file", options.report.statisticsFile,
+                     "Keep the statistics in a file, in the text format of Prometheus");
 }
 
 }  // namespace

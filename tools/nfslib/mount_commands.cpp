@@ -115,6 +115,7 @@ void mount(const MountOptions& options) {
   const StopSignals stopSignals;
   raiseDescriptorLimit();
   const Source source = openSource(options.serve.source, options.serve.spec.writeEnabled);
+  StatisticsReport report(options.serve.report);
   {
     std::optional<RecordedMount> record;  // outlives the mount
     std::optional<NfsMounter> mounter;
@@ -151,10 +152,11 @@ void mount(const MountOptions& options) {
     }
     std::cout << "mounted " << options.mountPoint << std::endl;
     if (background) background->ready();
-    stopSignals.waitUnless([&] { return !isMountPoint(mountPoint); });
+    stopSignals.waitUnless([&] { return !isMountPoint(mountPoint); }, report.meanwhile());
     // Somebody else has unmounted: that the library cannot do so any more is nobody's concern.
     if (!logsFromStart && !isMountPoint(mountPoint)) CNfsLibLogger::getInstance().resetImpl();
   }
+  report.end();
 }
 
 void unmount(const std::string& mountPoint) {

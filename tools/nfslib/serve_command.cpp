@@ -98,6 +98,7 @@ void serve(const ServeOptions& options) {
     CNfsLibLogger::getInstance().setImpl(makeLogSink(level, options.logFile));
   };
   if (logsFromStart) installLog();
+  StatisticsReport report(options.report);
   {
     NfsServer& server = NfsServer::instance();
     server.setPolicy(options.policy);
@@ -112,8 +113,9 @@ void serve(const ServeOptions& options) {
     if (mountPort != 0) std::cout << "mount-port " << mountPort << '\n';
     std::cout << "ready" << std::endl;
     printHint(options, source.exportPath, address, nfsPort, mountPort);
-    stopSignals.wait();
+    stopSignals.wait(report.meanwhile());
   }
+  report.end();
   CNfsLibLogger::getInstance().resetImpl();
 }
 

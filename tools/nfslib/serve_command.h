@@ -3,6 +3,8 @@
 #include <nfslib/nfs_mount_spec.h>
 #include <nfslib/nfs_server_policy.h>
 
+#include "statistics_report.h"
+
 #include <string>
 
 namespace nfslib::tool {
@@ -12,6 +14,7 @@ struct ServeOptions {
   std::string source;
   NfsMountSpec spec;
   NfsServerPolicy policy = NfsServerPolicy::modern();
+  ReportOptions report;
   std::string logLevel;  // empty: warnings and errors, once the server runs
   std::string logFile;   // empty: standard error
 };

@@ -16,25 +16,44 @@ StopSignals::StopSignals() {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGUSR1);
   sigprocmask(SIG_BLOCK, &signals, nullptr);
   std::signal(SIGPIPE, SIG_IGN);  // nobody may read our output any more
-  m_descriptor = signalfd(-1, &signals, SFD_CLOEXEC);
+  m_descriptor = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
   if (m_descriptor < 0) throw std::runtime_error("Signals cannot be waited for on this system.");
 }
 
 StopSignals::~StopSignals() { close(m_descriptor); }
 
-void StopSignals::wait() const {
-  waitUnless([] { return false; });
+unsigned StopSignals::take() const {
+  signalfd_siginfo signal{};
+  return read(m_descriptor, &signal, sizeof signal) == sizeof signal ? signal.ssi_signo : 0;
 }
 
-void StopSignals::waitUnless(const std::function<bool()>& isOver) const {
+void StopSignals::wait(const Meanwhile& meanwhile) const {
+  waitUnless([] { return false; }, meanwhile);
+}
+
+void StopSignals::waitUnless(const std::function<bool()>& isOver,
+                             const Meanwhile& meanwhile) const {
+  using Clock = std::chrono::steady_clock;
+  using std::chrono::milliseconds;
   const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
   pollfd watched[] = {{m_descriptor, POLLIN, 0}, {mounts, POLLPRI, 0}};
-  while (!isOver()) {
-    const int ready = poll(watched, mounts < 0 ? 1 : 2, -1);
+  auto next = Clock::now() + meanwhile.interval;
+  bool mayGoOn = true;
+  while (mayGoOn && !isOver()) {
+    const auto left = std::chrono::ceil<milliseconds>(next - Clock::now()).count();
+    const int ready = poll(watched, mounts < 0 ? 1 : 2, left > 0 ? static_cast<int>(left) : 0);
     if (ready < 0 && errno != EINTR) break;
-    if ((watched[0].revents & POLLIN) != 0) break;
+    for (unsigned signal = take(); signal != 0 && mayGoOn; signal = take()) {
+      mayGoOn = signal == SIGUSR1;
+      if (mayGoOn) meanwhile.onUserSignal();
+    }
+    if (mayGoOn && Clock::now() >= next) {
+      meanwhile.onInterval();
+      next = Clock::now() + meanwhile.interval;
+    }
   }
   if (mounts >= 0) close(mounts);
 }
