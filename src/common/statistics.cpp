@@ -7,8 +7,34 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <numeric>
 #include <utility>
 #include <vector>
+
+namespace nfslib {
+
+std::uint64_t NfsServiceTimes::count() const {
+  return std::accumulate(buckets.begin(), buckets.end(), std::uint64_t{0});
+}
+
+std::chrono::nanoseconds NfsServiceTimes::quantile(double share) const {
+  // The calls are taken to lie evenly within their bucket.
+  double wanted = std::clamp(share, 0.0, 1.0) * static_cast<double>(count());
+  std::chrono::nanoseconds lower{0};
+  for (std::size_t i = 0; i < kBuckets; ++i) {
+    const auto calls = static_cast<double>(buckets[i]);
+    if (calls > 0 && wanted <= calls) {
+      if (i + 1 == kBuckets) break;
+      const auto width = static_cast<double>((upperBound(i) - lower).count());
+      return lower + std::chrono::nanoseconds(static_cast<std::int64_t>(width * wanted / calls));
+    }
+    wanted -= calls;
+    if (i + 1 < kBuckets) lower = upperBound(i);
+  }
+  return count() == 0 ? std::chrono::nanoseconds(0) : lower;
+}
+
+}  // namespace nfslib
 
 namespace nfslib::statistics {
 
@@ -68,13 +94,13 @@ Observer& observer() {
   return kept;
 }
 
+}  // namespace
+
 std::size_t bucketOf(std::uint64_t nanoseconds) {
   const std::uint64_t beyond = nanoseconds == 0 ? 0 : nanoseconds - 1;  // bounds are inclusive
   const auto bucket = static_cast<std::size_t>(std::bit_width(beyond >> 10U));
   return std::min(bucket, NfsServiceTimes::kBuckets - 1);
 }
-
-}  // namespace
 
 ThreadCounts::~ThreadCounts() {
   for (auto& table : rows) {

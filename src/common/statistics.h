@@ -113,6 +113,9 @@ inline void countLookUp(Cache cache, bool isHit) {
   (isHit ? counts.hits : counts.misses)[static_cast<std::size_t>(cache)].add(1);
 }
 
+// Which bucket of NfsServiceTimes a time belongs to.
+std::size_t bucketOf(std::uint64_t nanoseconds);
+
 // One call while it is served. It counts as failed unless it is said to have succeeded, whatever
 // exception ends it.
 class CountedCall {

@@ -11,8 +11,9 @@
 
 #include <algorithm>
 #include <array>
-#include <numeric>
+#include <string>
 #include <string_view>
+#include <utility>
 
 namespace nfslib {
 
@@ -59,27 +60,6 @@ std::string nameOf(const CountedTable& table, unsigned number) {
 }
 
 }  // namespace
-
-std::uint64_t NfsServiceTimes::count() const {
-  return std::accumulate(buckets.begin(), buckets.end(), std::uint64_t{0});
-}
-
-std::chrono::nanoseconds NfsServiceTimes::quantile(double share) const {
-  // The calls are taken to lie evenly within their bucket.
-  double wanted = std::clamp(share, 0.0, 1.0) * static_cast<double>(count());
-  std::chrono::nanoseconds lower{0};
-  for (std::size_t i = 0; i < kBuckets; ++i) {
-    const auto calls = static_cast<double>(buckets[i]);
-    if (calls > 0 && wanted <= calls) {
-      if (i + 1 == kBuckets) break;
-      const auto width = static_cast<double>((upperBound(i) - lower).count());
-      return lower + std::chrono::nanoseconds(static_cast<std::int64_t>(width * wanted / calls));
-    }
-    wanted -= calls;
-    if (i + 1 < kBuckets) lower = upperBound(i);
-  }
-  return count() == 0 ? std::chrono::nanoseconds(0) : lower;
-}
 
 NfsServerStatistics NfsServer::Impl::getStatistics() {
   using statistics::Cache;

@@ -2,9 +2,11 @@
 #include <nfslib/nfs_path.h>
 #include <nfslib/nfs_server.h>
 
+#include "memory/memory_file_system.h"
 #include "server/ports.h"
 #include "support/counting_tree.h"
 #include "support/failure_of.h"
+#include "support/nfs3_client.h"
 #include "support/recorded_log.h"
 #include "support/rpc_client.h"
 
@@ -204,6 +206,128 @@ TEST_F(NfsServerTest, GivesClientsOfVersion4TimeToLeaveAndNoMore) {
   const auto waited = std::chrono::steady_clock::now() - begin;
   EXPECT_GE(waited, 10s);
   EXPECT_LT(waited, 15s);
+}
+
+// What was counted since it was made.
+class Counted {
+ public:
+  explicit Counted(NfsServer& server) : m_server(server) {}
+
+  // "calls/errors" of a procedure, or of an operation.
+  std::string of(unsigned program, const std::string& name, bool isOperation = false) const {
+    const auto find = [&](const NfsServerStatistics& all) {
+      for (const auto& row : all.procedures) {
+        if (row.program != program || row.name != name || row.isOperation != isOperation) continue;
+        EXPECT_GT(row.serviceTimes.count(), 0U) << "the first call is timed";
+        EXPECT_GT(row.serviceTimes.sum, 0ns);
+        EXPECT_LE(row.serviceTimes.quantile(0.5), row.serviceTimes.quantile(0.99));
+        return row;
+      }
+      return NfsServerStatistics::Procedure{};
+    };
+    const auto now = find(m_server.getStatistics()), then = find(m_before);
+    return std::to_string(now.calls - then.calls) + "/" + std::to_string(now.errors - then.errors);
+  }
+  std::uint64_t of(std::uint64_t NfsServerStatistics::*number) const {
+    return m_server.getStatistics().*number - m_before.*number;
+  }
+  std::string of(NfsServerStatistics::Cache NfsServerStatistics::*cache) const {
+    const auto now = m_server.getStatistics().*cache, then = m_before.*cache;
+    return std::to_string(now.hits - then.hits) + "/" + std::to_string(now.misses - then.misses);
+  }
+
+ private:
+  NfsServer& m_server;
+  const NfsServerStatistics m_before = m_server.getStatistics();
+};
+
+TEST_F(NfsServerTest, CountsCallsAndBytes) {
+  using Statistics = NfsServerStatistics;
+  std::mutex lock;
+  std::vector<NfsConnection> seen;  // under the lock
+  server.setConnectionObserver([&](const NfsConnection& connection) {
+    const std::lock_guard guard(lock);
+    seen.push_back(connection);
+    throw std::runtime_error("nobody minds");
+  });
+  const Counted counted(server);
+  hosts::MemoryFileSystem memory(1 << 20);
+  spec.writeEnabled = true;
+  server.exportFileSystem(kA, memory, spec);
+  {
+    Nfs3Client client(server.getNfsPort());
+    const NfsHandle root = client.mount("/a");
+    const NfsHandle file = checked(client.create(root, "file", 0, {})).handle;
+    checked(client.write(file, 0, std::string(3000, 'x'), 2));
+    for (int i = 0; i < 3; ++i) checked(client.read(file, 0, 1000));
+    EXPECT_EQ(client.lookup(root, "none").status, 2U);
+    EXPECT_EQ(server.getStatistics().openConnections, 1U);
+    client.list(root, 8192);
+  }
+  server.removeExport(kA);
+  server.setConnectionObserver({});
+
+  EXPECT_EQ(counted.of(kMount, "MNT"), "1/0");
+  EXPECT_EQ(counted.of(kNfs, "CREATE"), "1/0");
+  EXPECT_EQ(counted.of(kNfs, "WRITE"), "1/0");
+  EXPECT_EQ(counted.of(kNfs, "READ"), "3/0");
+  EXPECT_EQ(counted.of(kNfs, "LOOKUP"), "1/1");
+  EXPECT_EQ(counted.of(kNfs, "REMOVE"), "0/0");
+  EXPECT_EQ(counted.of(&Statistics::bytesRead), 3000U);
+  EXPECT_EQ(counted.of(&Statistics::bytesWritten), 3000U);
+  EXPECT_EQ(counted.of(&Statistics::files), "3/1") << "one to write, the others to read";
+  EXPECT_EQ(counted.of(&Statistics::acceptedConnections), 1U);
+  EXPECT_EQ(server.getStatistics().openConnections, 0U);
+
+  ASSERT_EQ(seen.size(), 2U);
+  EXPECT_TRUE(seen[0].isOpen);
+  EXPECT_EQ(seen[0].address, kLoopback);
+  EXPECT_FALSE(seen[1].isOpen);
+  EXPECT_EQ(seen[1].port, seen[0].port);
+  EXPECT_EQ(seen[1].calls, 8U);
+  EXPECT_EQ(seen[1].bytesReceived, counted.of(&Statistics::bytesReceived));
+  EXPECT_EQ(seen[1].bytesSent, counted.of(&Statistics::bytesSent));
+  EXPECT_GT(seen[1].bytesSent, 3000U);
+}
+
+TEST_F(NfsServerTest, CountsWhatIsNotServed) {
+  const Counted counted(server);
+  server.exportFileSystem(kA, tree, spec);
+  RpcClient client(SOCK_STREAM, server.getNfsPort());
+  const auto ask = [&](const Bytes& call) {
+    client.send(record(call));
+    return client.receiveRecord().has_value();
+  };
+  for (const unsigned procedure : {11U, 12345U, 0xFFFF'FFFFU}) {
+    EXPECT_TRUE(ask(nullCall(1, kNfs, 3, procedure)));
+  }
+  EXPECT_TRUE(ask(nullCall(1, 99, 1)));
+  // AUTH_SYS: stamp, no machine, uid 5, gid 5, no groups.
+  EXPECT_TRUE(ask(wordBytes({1, 0, 2, kNfs, 3, 1, 1, 20, 0, 0, 5, 5, 0, 0, 0})));
+  EXPECT_EQ(counted.of(kNfs, "#11"), "1/1");
+  EXPECT_EQ(counted.of(kNfs, "OTHER"), "2/2");
+  EXPECT_EQ(counted.of(kNfs, "GETATTR"), "0/0");
+  EXPECT_EQ(counted.of(&NfsServerStatistics::invalidCalls), 1U);
+  EXPECT_EQ(counted.of(&NfsServerStatistics::refusedCalls), 1U);
+}
+
+TEST_F(NfsServerTest, CountsOperationsOfVersion4) {
+  constexpr unsigned kVersion = 4, kCompound = 1, kPutRootFh = 24, kGetFh = 10, kIllegal = 9999;
+  spec.version = kVersion;
+  const Counted counted(server);
+  server.exportFileSystem(kA, tree, spec);
+  RpcClient client(SOCK_STREAM, server.getNfsPort());
+  const auto ask = [&](const std::initializer_list<unsigned> operations) {
+    const Bytes head = wordBytes({0, 0, static_cast<unsigned>(operations.size())});
+    client.send(record(nullCall(1, kNfs, kVersion, kCompound) + head + wordBytes(operations)));
+    return client.receiveRecord().has_value();
+  };
+  EXPECT_TRUE(ask({kPutRootFh, kGetFh}));
+  EXPECT_TRUE(ask({kPutRootFh, kIllegal, kGetFh}));
+  EXPECT_EQ(counted.of(kNfs, "COMPOUND"), "2/1");
+  EXPECT_EQ(counted.of(kNfs, "PUTROOTFH", true), "2/0");
+  EXPECT_EQ(counted.of(kNfs, "GETFH", true), "1/0");
+  EXPECT_EQ(counted.of(kNfs, "OTHER", true), "1/1");
 }
 
 }  // namespace

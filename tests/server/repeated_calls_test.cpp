@@ -1,3 +1,4 @@
+#include "common/statistics.h"
 #include "network/tcp_server.h"
 #include "network/udp_server.h"
 #include "support/nfs3_fixture.h"
@@ -100,6 +101,7 @@ class RepeatedCallsTest : public Nfs3Test {
 
 TEST_F(RepeatedCallsTest, AreDoneOnceAndAnsweredTheSame) {
   listen(profileOf(NfsServerPolicy::modern()));
+  const auto before = statistics::total(statistics::Cache::Replies);
   unsigned xid = 100;
   RpcClient stream(SOCK_STREAM, tcpPort), datagrams(SOCK_DGRAM, udpPort);
   const auto askByDatagram = [&](const Bytes& call) {
@@ -124,6 +126,9 @@ TEST_F(RepeatedCallsTest, AreDoneOnceAndAnsweredTheSame) {
   }
   EXPECT_THAT(log.takeLines(),
               ::testing::Contains(::testing::HasSubstr("came again: program [100003]")));
+  const auto after = statistics::total(statistics::Cache::Replies);
+  EXPECT_EQ(after.hits - before.hits, 3 * changes().size());
+  EXPECT_EQ(after.misses - before.misses, 2 * changes().size());
 }
 
 TEST_F(RepeatedCallsTest, AnotherCallIsDoneUnderTheSameXid) {
