@@ -1,8 +1,8 @@
+#include <nfslib/hosts/memory_file_system.h>
 #include <nfslib/nfs_mount_spec.h>
 #include <nfslib/nfs_path.h>
 #include <nfslib/nfs_server.h>
 
-#include "memory/memory_file_system.h"
 #include "server/ports.h"
 #include "support/counting_tree.h"
 #include "support/failure_of.h"
