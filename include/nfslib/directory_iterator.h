@@ -23,6 +23,7 @@ class NFSLIB_EXPORT DirectoryIterator {
   DirectoryIterator& operator++();
   /// The entry under the cursor; not to be used at the end.
   const DirEntry& operator*() const { return m_enumerator->Current(); }
+  /// The same entry.
   const DirEntry* operator->() const { return &m_enumerator->Current(); }
   /// True while there is an entry under the cursor.
   explicit operator bool() const { return m_enumerator && m_enumerator->IsValid(); }

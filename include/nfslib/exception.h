@@ -18,7 +18,9 @@ namespace nfslib {
 class NFSLIB_EXPORT INfsException : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+  /// A copy says the same.
   INfsException(const INfsException&) = default;
+  /// Says from now on what the other one says.
   INfsException& operator=(const INfsException&) = default;
   ~INfsException() override;
 };
@@ -35,7 +37,9 @@ class NFSLIB_EXPORT SystemNfsException : public INfsException {
   SystemNfsException(std::error_code code, const std::string& what);
   /// The same for a value of errno.
   SystemNfsException(int error, const std::string& what);
+  /// A copy says the same.
   SystemNfsException(const SystemNfsException&) = default;
+  /// Says from now on what the other one says.
   SystemNfsException& operator=(const SystemNfsException&) = default;
   ~SystemNfsException() override;
 
@@ -54,7 +58,9 @@ class NFSLIB_EXPORT OutOfSpaceNfsException : public SystemNfsException {
   /// `error` is a value of errno. EDQUOT says that it is the caller's quota that is used up, which
   /// clients of the modern profile see as such.
   explicit OutOfSpaceNfsException(const std::string& what, int error = ENOSPC);
+  /// A copy says the same.
   OutOfSpaceNfsException(const OutOfSpaceNfsException&) = default;
+  /// Says from now on what the other one says.
   OutOfSpaceNfsException& operator=(const OutOfSpaceNfsException&) = default;
   ~OutOfSpaceNfsException() override;
 };

@@ -166,8 +166,8 @@ class NFSLIB_EXPORT IStatistics {
 /// Who makes a call, as its credential says: AUTH_SYS of RFC 5531, appendix A. Nobody has proved
 /// it.
 struct Caller {
-  std::uint32_t uid = 0;
-  std::uint32_t gid = 0;
+  std::uint32_t uid = 0;  ///< the user's number; 0 is root
+  std::uint32_t gid = 0;  ///< the number of the user's group
   /// The supplementary groups, sixteen at most. Valid as long as the call to which this was given.
   std::span<const std::uint32_t> groups{};
 };

@@ -41,6 +41,7 @@ NFSLIB_EXPORT std::string guidToStr(unsigned char* uuid);
 /// Two upper-case hexadecimal digits.
 template <class Byte>
 std::string to_hex(Byte value);
+/// The form that there is, for a byte.
 template <>
 NFSLIB_EXPORT std::string to_hex<std::byte>(std::byte value);
 
@@ -60,55 +61,80 @@ class NFSLIB_EXPORT INfsLibLogSection {
  public:
   virtual ~INfsLibLogSection();
 
+  /// Something that an administrator may want to know.
   virtual void info(const std::string& message) = 0;
+  /// The same with a number of the host's own, such as a level of detail.
   virtual void info(int number, const std::string& message) = 0;
+  /// A line for whoever watches the host's present job, and not only for the log.
   virtual void addSessionInfo(const std::string& message) = 0;
+  /// One line or several for each request: for looking into a problem.
   virtual void dbg(const std::string& message) = 0;
+  /// The same with a number of the host's own.
   virtual void dbg(int number, const std::string& message) = 0;
+  /// Something went wrong or was refused, and the server goes on.
   virtual void warn(const std::string& message) = 0;
+  /// The same where the exception says it all.
   virtual void warn(std::exception& e) = 0;
+  /// The same, with the exception that is the cause.
   virtual void warn(const std::string& message, std::exception& e) = 0;
+  /// A warning for whoever watches the host's present job: the mount is not the one that was asked
+  /// for.
   virtual void addSessionWarn(const std::string& message) = 0;
+  /// Something failed that the host had asked for, or that ends a part of the server.
   virtual void err(const std::string& message) = 0;
+  /// The same, with the exception that is the cause.
   virtual void err(const std::string& message, std::exception& e) = 0;
+  /// The same where the exception says it all.
   virtual void err(std::exception& e) = 0;
+  /// An error for whoever watches the host's present job.
   virtual void addSessionErr(const std::string& message) = 0;
 
-  /// Formatting forms: `format` with `[%1]`, `[%2]`, ... filled by the arguments, each of them a
-  /// `std::string`, a `const char*` or an `NfsPath`.
+  /// A line of information, put together: `format` with `[%1]`, `[%2]`, ... filled by the
+  /// arguments, each of them a `std::string`, a `const char*` or an `NfsPath`. They are passed on
+  /// as one string, unless the level is discarded.
   template <class... Args>
   requires(sizeof...(Args) > 0 && (std::is_constructible_v<std::string, const Args&> &&
                                    ...)) void info(const std::string& format, const Args&... args) {
     if (keeps(LogLevel::info)) info(utility::str_format(format, {std::string(args)...}));
   }
+  /// The same for a debug line.
   template <class... Args>
   requires(sizeof...(Args) > 0 && (std::is_constructible_v<std::string, const Args&> &&
                                    ...)) void dbg(const std::string& format, const Args&... args) {
     if (keeps(LogLevel::dbg)) dbg(utility::str_format(format, {std::string(args)...}));
   }
+  /// The same for a warning.
   template <class... Args>
   requires(sizeof...(Args) > 0 && (std::is_constructible_v<std::string, const Args&> &&
                                    ...)) void warn(const std::string& format, const Args&... args) {
     if (keeps(LogLevel::warn)) warn(utility::str_format(format, {std::string(args)...}));
   }
+  /// The same for an error.
   template <class... Args>
   requires(sizeof...(Args) > 0 && (std::is_constructible_v<std::string, const Args&> &&
                                    ...)) void err(const std::string& format, const Args&... args) {
     if (keeps(LogLevel::err)) err(utility::str_format(format, {std::string(args)...}));
   }
-  /// The same with the exception that the message is about, after one to four string arguments.
+  /// A warning, put together from one string, and the exception that it is about.
   void warn(const std::string& format, const std::string& a, std::exception& e);
+  /// A warning, put together from two strings, and the exception that it is about.
   void warn(const std::string& format, const std::string& a, const std::string& b,
             std::exception& e);
+  /// A warning, put together from three strings, and the exception that it is about.
   void warn(const std::string& format, const std::string& a, const std::string& b,
             const std::string& c, std::exception& e);
+  /// A warning, put together from four strings, and the exception that it is about.
   void warn(const std::string& format, const std::string& a, const std::string& b,
             const std::string& c, const std::string& d, std::exception& e);
+  /// An error, put together from one string, and the exception that it is about.
   void err(const std::string& format, const std::string& a, std::exception& e);
+  /// An error, put together from two strings, and the exception that it is about.
   void err(const std::string& format, const std::string& a, const std::string& b,
            std::exception& e);
+  /// An error, put together from three strings, and the exception that it is about.
   void err(const std::string& format, const std::string& a, const std::string& b,
            const std::string& c, std::exception& e);
+  /// An error, put together from four strings, and the exception that it is about.
   void err(const std::string& format, const std::string& a, const std::string& b,
            const std::string& c, const std::string& d, std::exception& e);
 
@@ -129,6 +155,7 @@ class NFSLIB_EXPORT INfsLibLogSection {
 /// installs one of its own. Thread-safe.
 class NFSLIB_EXPORT CNfsLibLogger {
  public:
+  /// The place of this process, made on first use.
   static CNfsLibLogger& getInstance();
 
   /// The current sink. A caller keeps the pointer while it writes, so a sink that is replaced

@@ -13,6 +13,7 @@ struct NfsAce4 {
   std::uint32_t accessMask = 0;  ///< the rights that the entry speaks of
   std::string who;               ///< the principal, "OWNER@" or "name@domain"
 
+  /// Equal in every field.
   bool operator==(const NfsAce4&) const = default;
 };
 
@@ -38,6 +39,7 @@ struct MetaData {
   std::uint16_t mode = 0;      ///< permission bits, the low 12 as in POSIX
   std::vector<NfsAce4> acl{};  ///< access-control list; may be empty
 
+  /// Equal in every field.
   bool operator==(const MetaData&) const = default;
 };
 
@@ -59,8 +61,8 @@ inline bool isType(const MetaData& md, FileType type) {
 
 /// A name in a directory and the attributes of the object that it names.
 struct DirEntry {
-  std::string name;  ///< one path component: never empty, without "/"
-  MetaData metaData;
+  std::string name;   ///< one path component: never empty, without "/"
+  MetaData metaData;  ///< of the object, whatever its other names are
 };
 
 }  // namespace nfslib

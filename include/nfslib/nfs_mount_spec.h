@@ -18,6 +18,7 @@ struct NfsMountSpec {
   std::uint32_t maxOpenFiles = 1;
   /// Clients may change the tree.
   bool writeEnabled = false;
+  /// What version 3 of NFS is served over; version 4 is served over TCP.
   Protocol protocol = Protocol::tcp;
   /// NFS version to serve: 3, or 4 for 4.0 and 4.1.
   std::uint32_t version = 3;

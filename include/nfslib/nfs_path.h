@@ -26,7 +26,9 @@ class NFSLIB_EXPORT NfsPath {
 
   /// The canonical text.
   const std::string& str() const { return m_path; }
+  /// The same, as a copy.
   explicit operator std::string() const { return m_path; }
+  /// Whether this is "/".
   bool isRootPath() const { return m_path.size() == 1; }
   /// Whether this is `top` or a path below it.
   bool isAtOrBelow(const NfsPath& top) const;
@@ -61,6 +63,7 @@ NFSLIB_EXPORT std::ostream& operator<<(std::ostream& out, const NfsPath& path);
 
 }  // namespace nfslib
 
+/// \cond std has no page of the reference
 /// A path and its text hash alike.
 template <>
 struct std::hash<nfslib::NfsPath> {
@@ -68,3 +71,4 @@ struct std::hash<nfslib::NfsPath> {
     return std::hash<std::string>{}(path.str());
   }
 };
+/// \endcond

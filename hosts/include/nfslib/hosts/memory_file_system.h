@@ -27,6 +27,7 @@ class MemoryFileSystem : public FileSystem, public IStatistics {
   /// Bytes counted for each name.
   static constexpr std::uint64_t kEntryCost = 512;
 
+  /// An empty tree with room for so many bytes.
   explicit MemoryFileSystem(std::uint64_t capacityBytes);
   ~MemoryFileSystem() override;
 
@@ -34,7 +35,9 @@ class MemoryFileSystem : public FileSystem, public IStatistics {
   /// The capacity, and as many files as it has room for names.
   FileSystemStatistics GetStatistics() const override;
 
+  /// What the tree was made with.
   std::uint64_t capacityBytes() const;
+  /// What of it is in use, at the moment.
   std::uint64_t usedBytes() const;
 
  private:

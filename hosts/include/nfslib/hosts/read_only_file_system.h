@@ -16,6 +16,7 @@ namespace nfslib::hosts {
 /// As safe for threads as the tree behind it.
 class ReadOnlyFileSystem : public FileSystem, public IStatistics {
  public:
+  /// Shows `tree`, and owns it from now on.
   explicit ReadOnlyFileSystem(std::unique_ptr<FileSystem> tree) : m_tree(std::move(tree)) {}
 
   std::shared_ptr<Directory> OpenRoot() override;
