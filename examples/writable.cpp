@@ -17,6 +17,7 @@ int main(int argc, char** argv) try {
     nfslib::CNfsLibLogger::getInstance().setImpl(std::make_unique<StreamLog>());
     return serve(tree, spec);
   }
+  nfslib::NfsServer::instance().setPolicy(nfslib::NfsServerPolicy::modern());
   const nfslib::NfsMounter mounted(argv[1], tree, spec, std::make_unique<StreamLog>());
   std::cout << "mounted on " << argv[1] << std::endl;
   std::cin.get();
