@@ -1,4 +1,5 @@
-"""What the reference shows of a page: links to files that are no pages of it become plain text.
+"""What the reference shows of a page: links to files that are no pages of it become plain text, links
+into the middle of a page go to its start, since Doxygen names headings in its own way.
 
 usage: page_filter.py PROJECT_DIRECTORY FILE
 """
@@ -16,8 +17,10 @@ def main():
     def shown(match):
         text, target = match[1], match[2]
         path = (page.parent / target).resolve()
-        if "://" in target or (path.suffix == ".md" and path.exists()):
+        if "://" in target:
             return match[0]
+        if path.suffix == ".md" and path.exists():
+            return f"[{text}]({target})"
         name = path.relative_to(root).as_posix()
         return text if text == name else f"{text} (`{name}`)"
 
