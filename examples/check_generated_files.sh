@@ -1,6 +1,10 @@
 #!/usr/bin/env bash
 # Reads the files of the example with a client, and compares every byte with what they ought to be.
 . "$(dirname "$0")/served.sh"
+cd "$(dirname "$0")"
+lines=$(cat generated_files.cpp read_only.h serve.h | wc -l)
+[ "$lines" -lt 120 ] || { echo "The smallest host has $lines lines: make it smaller."; exit 1; }
+grep -q "; $lines lines with its headers" ../README.md || { echo "README.md: it has $lines lines"; exit 1; }
 start "$1"
 expect "the listing" "$(names /)" "digits.txt letters.txt"
 nfs-cat "$(at letters.txt)" >"$work/letters"

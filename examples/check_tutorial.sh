@@ -23,6 +23,9 @@ cp "$here"/{generated_files.cpp,read_only.h,serve.h,tutorial/CMakeLists.txt} "$w
 awk '/^```sh$/ { on = 1; next } /^```$/ { on = 0 } on' "$source/docs/tutorial.md" >"$work/commands"
 [ "$(wc -l <"$work/commands")" -ge 3 ] || { echo "The tutorial has no commands."; exit 1; }
 (cd "$work/project" && bash -eu "$work/commands") >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
+# The other examples need nothing either that is not installed.
+read -ra flags < <(pkg-config --cflags nfslib)
+for example in "$here"/*.cpp; do c++ -std=c++20 -fsyntax-only "${flags[@]}" "$example"; done
 for program in build/generated_files generated_files_2; do
   "$here/check_generated_files.sh" "$work/project/$program"
 done
