@@ -18,6 +18,7 @@
 #include <string_view>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,7 +53,7 @@ void replaceFile(const std::string& file, const std::string& text) {
     refuse(file, "It is not a regular file");  // a device would be lost
   }
   std::string fresh = file + ".XXXXXX";
-  const int descriptor = mkstemp(fresh.data());
+  const int descriptor = mkostemp(fresh.data(), O_CLOEXEC);
   if (descriptor < 0) refuse(file, std::strerror(errno));
   const bool isWritten = writeWhole(descriptor, text) && fchmod(descriptor, kForAllToRead) == 0;
   const int failure = errno;
@@ -138,9 +139,10 @@ void StatisticsReport::end() {
 }
 
 StopSignals::Meanwhile StatisticsReport::meanwhile() {
-  return {.onUserSignal = [this] { print(); },
-          .onInterval = [this] { writeFile(); },
-          .interval = kInterval};
+  StopSignals::Meanwhile todo{
+      .onUserSignal = [this] { print(); }, .onInterval = {}, .interval = kInterval};
+  if (!m_options.statisticsFile.empty()) todo.onInterval = [this] { writeFile(); };
+  return todo;
 }
 
 void StatisticsReport::writeFile() {

@@ -2,7 +2,6 @@
 
 #include "stop_signals.h"
 
-#include <chrono>
 #include <string>
 
 namespace nfslib::tool {
@@ -25,7 +24,7 @@ class StatisticsReport {
 
   // The last report, once nothing is served any more.
   void end();
-  // What is to be done while the server runs.
+  // What is to be done while the server runs; for as long as this lives.
   StopSignals::Meanwhile meanwhile();
 
  private:

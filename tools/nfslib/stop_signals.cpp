@@ -1,5 +1,6 @@
 #include "stop_signals.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <stdexcept>
@@ -37,20 +38,23 @@ void StopSignals::wait(const Meanwhile& meanwhile) const {
 void StopSignals::waitUnless(const std::function<bool()>& isOver,
                              const Meanwhile& meanwhile) const {
   using Clock = std::chrono::steady_clock;
-  using std::chrono::milliseconds;
   const int mounts = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
   pollfd watched[] = {{m_descriptor, POLLIN, 0}, {mounts, POLLPRI, 0}};
   auto next = Clock::now() + meanwhile.interval;
+  const auto patience = [&] {
+    if (!meanwhile.onInterval) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
+    return std::max(0, static_cast<int>(left.count()));
+  };
   bool mayGoOn = true;
   while (mayGoOn && !isOver()) {
-    const auto left = std::chrono::ceil<milliseconds>(next - Clock::now()).count();
-    const int ready = poll(watched, mounts < 0 ? 1 : 2, left > 0 ? static_cast<int>(left) : 0);
+    const int ready = poll(watched, mounts < 0 ? 1 : 2, patience());
     if (ready < 0 && errno != EINTR) break;
     for (unsigned signal = take(); signal != 0 && mayGoOn; signal = take()) {
       mayGoOn = signal == SIGUSR1;
       if (mayGoOn) meanwhile.onUserSignal();
     }
-    if (mayGoOn && Clock::now() >= next) {
+    if (mayGoOn && meanwhile.onInterval && Clock::now() >= next) {
       meanwhile.onInterval();
       next = Clock::now() + meanwhile.interval;
     }

@@ -12,8 +12,8 @@ class StopSignals {
   // What is done while waiting, by the thread that waits.
   struct Meanwhile {
     std::function<void()> onUserSignal;
-    std::function<void()> onInterval;
-    std::chrono::milliseconds interval{0};
+    std::function<void()> onInterval;       // empty: nothing
+    std::chrono::milliseconds interval{0};  // between two of them
   };
 
   StopSignals();
