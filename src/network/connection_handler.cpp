@@ -13,8 +13,10 @@ ConnectionHandler::ConnectionHandler(rpc::RpcRequestProcessor& processor, const 
       m_peer(peer) {}
 
 void ConnectionHandler::handleConnection(const bool& stop) {
-  begun();
+  bool hasBegun = false;
   try {
+    begun();
+    hasBegun = true;
     processRequests(stop);
   } catch (std::exception& e) {
     log().err(e);
@@ -23,7 +25,7 @@ void ConnectionHandler::handleConnection(const bool& stop) {
     log().err("Failed to process request. Unknown exception.");
   }
   dispose();
-  ended();
+  if (hasBegun) ended();
   release();
   m_stream.reset();
   m_active = false;
