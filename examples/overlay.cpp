@@ -1,5 +1,6 @@
 // Two directories shown as one, read-only: what UPPER has hides what LOWER has under the same name,
-// and directories that both have are one with the entries of both.
+// and directories that both have are one with the entries of both. Neither is to change meanwhile:
+// nobody tells the library.
 //
 //   overlay UPPER LOWER
 

@@ -1,9 +1,10 @@
 """Looks for what the pages of the project point to: fails on a link, or on a file named between
-backticks, that is not there.
+backticks, that is not there, and on a picture that is not the one of its source.
 
 usage: docs_links.py PROJECT_DIRECTORY
 """
 
+import html
 import pathlib
 import re
 import sys
@@ -44,6 +45,18 @@ def complaints(root, page):
             yield f"there is no `{named}`"
 
 
+def stale_pictures(root):
+    """The words of a picture's source that the picture does not have."""
+    for source in root.glob("docs/*.dot"):
+        picture = source.with_suffix(".svg")
+        shown = {html.unescape(text).replace("\xa0", " ") for text in
+                 re.findall(r"<text[^>]*>([^<]*)</text>", picture.read_text(encoding="utf-8"))}
+        labels = re.findall(r'label="([^"]*)"', source.read_text(encoding="utf-8"))
+        for words in (line for label in labels for line in label.split("\\n")):
+            if words not in shown:
+                yield f"docs/{picture.name} lacks [{words}]: make it anew from docs/{source.name}"
+
+
 def main():
     root = pathlib.Path(sys.argv[1]).resolve()
     pages = sorted([*root.glob("*.md"), *root.glob("docs/**/*.md")])
@@ -51,6 +64,7 @@ def main():
              for what in complaints(root, page)]
     found += [f"{name} is there: take it off the list in docs_links.py" for name in sorted(EXPECTED)
               if (root / name).exists()]
+    found += stale_pictures(root)
     listed = {target for page in pages for target in LINK.findall(page.read_text(encoding="utf-8"))}
     found += [f"{page.relative_to(root)}: no other page links to it" for page in pages
               if page.name != "README.md" and not any(target.endswith(page.name)
