@@ -50,7 +50,7 @@ struct NfsServerStatistics {
     /// As the RFC has it, in capitals; "#" and the number of one that is not served, "OTHER" of
     /// those beyond all numbers that are.
     std::string name;
-    std::uint64_t calls = 0;
+    std::uint64_t calls = 0;  ///< all of them, failed ones too
     /// The calls answered with a status that is not OK, or not carried out at all.
     std::uint64_t errors = 0;
     /// From the decoded head to the encoded results; neither waiting for the network nor for other
@@ -59,8 +59,8 @@ struct NfsServerStatistics {
   };
   /// How often a cache had what was looked for.
   struct Cache {
-    std::uint64_t hits = 0;
-    std::uint64_t misses = 0;
+    std::uint64_t hits = 0;    ///< it had it
+    std::uint64_t misses = 0;  ///< it had not
   };
 
   /// Those that were called, by program, version and number; operations behind procedures.
@@ -92,9 +92,9 @@ struct NfsConnection {
   unsigned int address = 0;               ///< of the client, IPv4, in network byte order
   unsigned short port = 0;                ///< of the client, in host byte order
   std::chrono::milliseconds duration{0};  ///< the four below are of a connection that has ended
-  std::uint64_t calls = 0;
-  std::uint64_t bytesReceived = 0;
-  std::uint64_t bytesSent = 0;
+  std::uint64_t calls = 0;                ///< that got a reply
+  std::uint64_t bytesReceived = 0;        ///< with the heads of calls
+  std::uint64_t bytesSent = 0;            ///< with the heads of replies
 };
 
 /// Told of each connection, on the connection's own thread, several at once. It should return soon;
