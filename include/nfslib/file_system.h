@@ -163,6 +163,24 @@ class NFSLIB_EXPORT IStatistics {
   virtual ~IStatistics();
 };
 
+/// Optional: a `FileSystem` whose tree changes by itself, and not only through the library, may
+/// derive from this class as well. The library then keeps attributes and open objects only where
+/// the host has promised to tell of changes, by `NfsServer::invalidate`, and asks anew elsewhere. A
+/// tree without this class is taken for one that only the library changes, or that tells of every
+/// change.
+class NFSLIB_EXPORT IWatchable {
+ public:
+  /// Whether from now on every change of the directory at `directory` and of its entries will be
+  /// told, and every change of the way to it. Asked before anything is read that might be kept, so
+  /// this is the time to begin watching. When the promise cannot be kept any longer, tell of the
+  /// whole place as changed, and answer no from just before that on.
+  ///
+  /// Called from any thread and from several at once, for nearly every object that is not in a
+  /// cache: it has to be quick. A throw counts as no.
+  virtual bool Watch(const NfsPath& directory) = 0;
+  virtual ~IWatchable();
+};
+
 /// Who makes a call, as its credential says: AUTH_SYS of RFC 5531, appendix A. Nobody has proved
 /// it.
 struct Caller {

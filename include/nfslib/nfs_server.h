@@ -9,6 +9,7 @@ namespace nfslib {
 
 class FileSystem;
 class NfsPath;
+struct Invalidation;
 struct NfsMountSpec;
 struct NfsServerPolicy;
 
@@ -45,6 +46,17 @@ class NFSLIB_EXPORT NfsServer {
   void removeExport(const NfsPath& path);
   /// Stops the server and starts it again with `spec`; the exports stay.
   void reRunServer(const NfsMountSpec& spec);
+
+  /// Tells that `fs` was changed by something else than the library. What is kept of the place is
+  /// dropped in every export of `fs`, and in the modern profile clients are told of a change even
+  /// when no time in the attributes has moved. Files that are open stay open. Does nothing when
+  /// `fs` is not exported.
+  ///
+  /// `fs` is only compared with the trees that are exported, so it has to be the object that was
+  /// given to `exportFileSystem`, not one behind it. No host call is made and no request waited
+  /// for: any thread may call, also from within a call of the host, under locks of the host's own,
+  /// and while exports come and go.
+  void invalidate(const FileSystem& fs, const Invalidation& what);
 
   /// The IPv4 address served, in network byte order. Throws when the server is not running.
   unsigned int getAddress() const;

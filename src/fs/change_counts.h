@@ -9,8 +9,9 @@
 
 namespace nfslib {
 
-// The number of the last change that the library made to an object, by its id. Hosts tell times in
-// whole seconds; with this behind the second, each of several changes within one can be seen.
+// The number of the last change of an object, by its id, that the library made or was told of.
+// Hosts tell times in whole seconds; with this behind the second, each of several changes within
+// one can be seen.
 //
 // A change is counted when it is made, and a count is read before or after, never in between: where
 // changes and other calls run side by side, a count has to be read in front of the attributes that
@@ -34,6 +35,12 @@ class ChangeCounts {
     } catch (const std::bad_alloc&) {
       forgetRows();
     }
+  }
+  // Every object may have been changed.
+  void countAll() noexcept {
+    const std::lock_guard lock(m_lock);
+    ++m_last;
+    forgetRows();
   }
   // 0 for an object that was never changed.
   std::uint32_t of(std::uint64_t id) const {

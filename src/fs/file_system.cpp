@@ -10,5 +10,6 @@ Symlink::~Symlink() = default;
 Directory::~Directory() = default;
 FileSystem::~FileSystem() = default;
 IStatistics::~IStatistics() = default;
+IWatchable::~IWatchable() = default;
 
 }  // namespace nfslib

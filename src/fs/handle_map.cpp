@@ -91,11 +91,60 @@ void HandleMap::move(const NfsPath& from, const NfsPath& to) {
   forSubtree(from, [&](Names::iterator at, Names::iterator last) {
     while (at != last) moved.push_back(m_names.extract(at++));
   });
-  // The nodes, and with them the addresses of the keys, stay what they were.
+  putBack(moved, from, to);
+}
+
+// The nodes, and with them the addresses of the keys, stay what they were.
+void HandleMap::putBack(std::vector<Names::node_type>& moved, const NfsPath& from,
+                        const NfsPath& to) {
   for (Names::node_type& node : moved) {
     node.key() = NfsPath(to.str() + node.key().str().substr(from.str().size()));
     m_names.insert(std::move(node));
   }
+}
+
+std::vector<NfsPath> HandleMap::namesOf(std::uint64_t id) const {
+  std::vector<NfsPath> names;
+  const std::shared_lock lock(m_lock);
+  const auto at = m_objects.find(static_cast<Slot>(id));
+  if (at == m_objects.end()) return names;
+  std::for_each(at->second.names.rbegin(), at->second.names.rend(),
+                [&](const NfsPath* name) { names.push_back(*name); });
+  return names;
+}
+
+std::vector<std::uint64_t> HandleMap::seenAt(const NfsPath& path) const {
+  std::vector<std::uint64_t> ids;
+  const std::shared_lock lock(m_lock);
+  const auto [first, last] = m_names.equal_range(path);
+  std::for_each(first, last, [&](const auto& row) { ids.push_back(m_objects.at(row.second).id); });
+  return ids;
+}
+
+void HandleMap::follow(std::uint64_t id, const NfsPath& from, const NfsPath& to) {
+  if (from == to) return;
+  const auto slot = static_cast<Slot>(id);
+  const std::unique_lock lock(m_lock);
+  const auto rowOf = [&](const NfsPath& path) {
+    const auto [first, last] = m_names.equal_range(path);
+    const auto row = std::find_if(first, last, [&](auto& each) { return each.second == slot; });
+    return row == last ? m_names.end() : row;
+  };
+  const bool isThere = rowOf(to) != m_names.end();
+  const auto old = rowOf(from);
+  std::vector<Names::node_type> moved;
+  if (old != m_names.end() && isThere) {
+    dropName(old->first, slot);
+    m_names.erase(old);
+  } else if (old != m_names.end()) {
+    moved.push_back(m_names.extract(old));
+  }
+  if (!m_names.contains(from)) {
+    forSubtree(from, [&](Names::iterator at, Names::iterator last) {
+      while (at != last) moved.push_back(m_names.extract(at++));
+    });
+  }
+  putBack(moved, from, to);
 }
 
 std::size_t HandleMap::size() const {

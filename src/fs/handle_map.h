@@ -34,6 +34,15 @@ class HandleMap {
   // What was at `from` and below is now at `to`, where it took the place of what was there.
   void move(const NfsPath& from, const NfsPath& to);
 
+  // All names that count for the object, the newest first.
+  std::vector<NfsPath> namesOf(std::uint64_t id) const;
+  // The ids of the objects that have been seen at `path`; of which all but one are gone from there.
+  std::vector<std::uint64_t> seenAt(const NfsPath& path) const;
+  // The object `id` was moved from `from` to `to` by others, some time ago: calls may have seen it
+  // there already, and another object at `from`. Names that others have are left alone. What was
+  // below it goes along, unless `from` is another's now.
+  void follow(std::uint64_t id, const NfsPath& from, const NfsPath& to);
+
   std::size_t size() const;
 
  private:
@@ -56,6 +65,8 @@ class HandleMap {
   void forSubtree(const NfsPath& path, const Visit& visit);
   void forgetSubtree(const NfsPath& path);
   void dropName(const NfsPath& name, Slot slot);
+  // Under `to` from now on, each of the nodes that stood at `from` or below.
+  void putBack(std::vector<Names::node_type>& moved, const NfsPath& from, const NfsPath& to);
 
   mutable std::shared_mutex m_lock;  // guards the two fields below
   std::unordered_map<Slot, Object> m_objects;

@@ -41,15 +41,17 @@ NfsFileSystem::NfsFileSystem(FileSystem& fs, const NfsMountSpec& spec, const Pro
     : m_fs(fs),
       m_statistics(profile.tellsStatistics ? dynamic_cast<const IStatistics*>(&fs) : nullptr),
       m_accessControl(profile.checksRights ? dynamic_cast<const IAccessControl*>(&fs) : nullptr),
+      m_watchable(dynamic_cast<IWatchable*>(&fs)),
+      m_othersChange(m_watchable != nullptr),
       m_profile(profile),
       m_writable(spec.writeEnabled),
       m_directories(kDirectoryCapacity),
       m_files(2 * spec.maxOpenFiles),
       m_metaData(std::make_shared<MetaDataCache>(
           kMetaDataCapacity,
-          m_writable ? MetaDataCache::Tree::Changing : MetaDataCache::Tree::Fixed)),
+          m_writable || m_watchable ? MetaDataCache::Tree::Changing : MetaDataCache::Tree::Fixed)),
       m_positions(kPositionCapacity) {
-  if (profile.countsChanges && m_writable) m_metaData->countChanges(kCountedObjects);
+  if (profile.countsChanges) m_metaData->countChanges(kCountedObjects);
 }
 
 NfsFileSystem::~NfsFileSystem() {
@@ -70,11 +72,28 @@ NfsHandle NfsFileSystem::getHandle(const NfsHandle& base, const NfsPath& path, c
   return handle;
 }
 
-std::optional<NfsPath> NfsFileSystem::findPath(const NfsHandle& handle) const {
-  return m_handles.find(handle.objectId);
+std::optional<NfsPath> NfsFileSystem::findPath(const NfsHandle& handle) {
+  auto path = m_handles.find(handle.objectId);
+  if (!path || !m_othersChange || mayLeadTo(*path, handle)) return path;
+  // A name that is gone stays known: news of where its object went to may be on their way.
+  for (const NfsPath& name : m_handles.namesOf(handle.objectId)) {
+    if (!(name == *path) && mayLeadTo(name, handle)) return name;
+  }
+  return std::nullopt;
 }
 
-NfsPath NfsFileSystem::getPath(const NfsHandle& handle) const {
+bool NfsFileSystem::mayLeadTo(const NfsPath& path, const NfsHandle& handle) {
+  if (path.isRootPath()) return true;
+  try {
+    const auto known = static_cast<std::uint32_t>(handle.objectId);
+    return static_cast<std::uint32_t>(lookUpMetaData(path).fileId) == known;
+  } catch (const std::exception& e) {
+    const auto status = toldStatus(e);
+    return status != nfs::OperationResult::NoEntry && status != nfs::OperationResult::NotDirectory;
+  }
+}
+
+NfsPath NfsFileSystem::getPath(const NfsHandle& handle) {
   if (auto path = findPath(handle)) return *std::move(path);
   log().err("NFS handle [%1] is invalid.", handle);
   throw UnknownHandle("NFS handle is invalid.");
@@ -95,19 +114,43 @@ MetaData NfsFileSystem::lookUpMetaData(const NfsPath& path) {
   return cached ? *std::move(cached) : askForMetaData(path);
 }
 
+bool NfsFileSystem::isWatched(const NfsPath& directory) const {
+  if (m_watchable == nullptr) return true;
+  try {
+    return m_watchable->Watch(directory);
+  } catch (const std::exception& e) {
+    log().dbg("The directory [%1] is not watched: [%2]", directory, e.what());
+    return false;
+  }
+}
+
+bool NfsFileSystem::mayKeep(const NfsPath& path, const MetaData& md) const {
+  return isWatched(path.getParentPath()) &&
+         (!isType(md, FileType::Directory) || path.isRootPath() || isWatched(path));
+}
+
 MetaData NfsFileSystem::askForMetaData(const NfsPath& path) {
   const std::uint64_t before = m_metaData->changes();
   if (path.isRootPath()) {
+    const bool keeps = isWatched(path);
     MetaData md = openHostDirectory(path)->GetMetaData();
-    m_metaData->setUnlessChanged(path, md, before);
+    if (keeps) m_metaData->setUnlessChanged(path, md, before);
     return md;
   }
   const NfsPath parentPath = path.getParentPath();
   const std::string name = path.getFileName();
-  DirEntry entry = openHostDirectory(parentPath)->GetEntryByName(name);
+  const bool keeps = isWatched(parentPath);
+  const auto parent = openHostDirectory(parentPath);
+  DirEntry entry = parent->GetEntryByName(name);
+  if (!keeps) return std::move(entry.metaData);
+  if (m_watchable != nullptr && isType(entry.metaData, FileType::Directory)) {
+    // What was read before its own entries were watched may have changed since.
+    if (!isWatched(path)) return std::move(entry.metaData);
+    entry = parent->GetEntryByName(name);
+  }
   // A host that does not tell upper from lower case may spell the name in another way. Changes made
   // under the one spelling would not reach what is kept under the other.
-  if (!m_writable || entry.name == name) {
+  if ((!m_writable && m_watchable == nullptr) || entry.name == name) {
     m_metaData->setUnlessChanged(parentPath / entry.name, entry.metaData, before);
   }
   return std::move(entry.metaData);
@@ -162,7 +205,11 @@ void NfsFileSystem::setMetaData(const NfsPath& path, const MetaData& md) {
       parent->OpenFile(name)->SetMetaData(md);
     }
   }
-  m_metaData->set(path, md);
+  if (mayKeep(path, md)) {
+    m_metaData->set(path, md);
+  } else {
+    m_metaData->erase(path);
+  }
 }
 
 NfsFileSystem::ChangeTime NfsFileSystem::changeTimeOf(const MetaData& md) const {
@@ -226,6 +273,7 @@ std::shared_ptr<Directory> NfsFileSystem::openHostDirectory(const NfsPath& path)
     changesBefore = m_changes;
   }
   const std::uint64_t metaBefore = m_metaData->changes();
+  const bool keeps = isWatched(path);
 
   std::shared_ptr<Directory> dir = opened(m_fs.OpenRoot());
   if (parent) {
@@ -235,6 +283,7 @@ std::shared_ptr<Directory> NfsFileSystem::openHostDirectory(const NfsPath& path)
       dir = opened(dir->OpenSubdir(std::string(node)));
   }
 
+  if (!keeps) return dir;
   m_metaData->setUnlessChanged(path, dir->GetMetaData(), metaBefore);
   Displaced<Directory> displaced;
   const std::lock_guard lock(m_cacheLock);
@@ -251,7 +300,10 @@ std::shared_ptr<File> NfsFileSystem::openFile(const NfsPath& path) {
     if (cached) return *std::move(cached);
     changesBefore = m_changes;
   }
-  auto file = opened(openDirectory(path.getParentPath())->OpenFile(path.getFileName()));
+  const NfsPath parentPath = path.getParentPath();
+  const bool keeps = isWatched(parentPath);
+  auto file = opened(openDirectory(parentPath)->OpenFile(path.getFileName()));
+  if (!keeps) return file;
   Displaced<File> displaced;
   const std::lock_guard lock(m_cacheLock);
   if (m_changes == changesBefore) displaced = m_files.set(path, file);
@@ -399,6 +451,32 @@ void recordMove(NfsFileSystem& fromView, const NfsPath& from, NfsFileSystem& toV
   if (&fromView == &toView) return toView.recordMove(from, to);
   fromView.recordRemoval(from);
   toView.recordRemoval(to);
+}
+
+void NfsFileSystem::invalidate(const Invalidation& what) {
+  const auto drop = [&](const NfsPath& path) {
+    if (what.scope == Invalidation::Scope::Tree) {
+      dropCachedTree(path);
+    } else {
+      dropCached(path);
+    }
+  };
+  m_othersChange = true;
+  drop(what.path);
+  if (what.movedTo) {
+    m_handles.follow(what.fileId, what.path, *what.movedTo);
+    drop(*what.movedTo);
+  }
+  ++m_placeChanges;
+  auto& counts = m_metaData->counts();
+  if (!counts) return;
+  if (what.movedTo) {
+    counts->count(what.fileId);
+  } else if (what.scope == Invalidation::Scope::Tree) {
+    counts->countAll();
+  } else {
+    for (const std::uint64_t id : m_handles.seenAt(what.path)) counts->count(id);
+  }
 }
 
 void NfsFileSystem::dropCached(const NfsPath& path) {

@@ -2,6 +2,7 @@
 
 #include <nfslib/directory_iterator.h>
 #include <nfslib/file_system.h>
+#include <nfslib/invalidation.h>
 #include <nfslib/metadata.h>
 #include <nfslib/nfs_mount_spec.h>
 #include <nfslib/nfs_path.h>
@@ -50,10 +51,11 @@ class NfsFileSystem {
   static NfsHandle createHandle(const NfsHandle& base, const MetaData& md);
   // The same, and remembers that it names `path`.
   NfsHandle getHandle(const NfsHandle& base, const NfsPath& path, const MetaData& md);
-  // The path last seen for the handle's object, found by the low 32 bits of its id.
-  std::optional<NfsPath> findPath(const NfsHandle& handle) const;
+  // The path last seen for the handle's object, found by the low 32 bits of its id. Where others
+  // change the tree as well, the host, or what is kept, has to know that object there.
+  std::optional<NfsPath> findPath(const NfsHandle& handle);
   // The same; a handle that was never given out throws std::runtime_error.
-  NfsPath getPath(const NfsHandle& handle) const;
+  NfsPath getPath(const NfsHandle& handle);
 
   // ---- Attributes
 
@@ -153,10 +155,24 @@ class NfsFileSystem {
   // To be called when the entry at `from` was moved to `to`: handles of the object and of
   // everything below it lead to the new place, those of an object that it replaced lead nowhere.
   void recordMove(const NfsPath& from, const NfsPath& to);
-  // How often one of the two was called: as long as this stays, so does every path.
+  // How often a place changed, by one of the two or below: as long as this stays, so does every
+  // path.
   std::uint64_t placeChanges() const { return m_placeChanges; }
 
+  // ---- Changes without the library
+
+  bool shows(const FileSystem& fs) const { return &m_fs == &fs; }
+  // Drops what is kept of the place, and counts a change of the objects that clients may know
+  // there. No host call is made.
+  void invalidate(const Invalidation& what);
+
  private:
+  // Whether the host will tell of every change of the directory and its entries; asked before what
+  // might be kept is read.
+  bool isWatched(const NfsPath& directory) const;
+  bool mayKeep(const NfsPath& path, const MetaData& md) const;
+  // Whether the handle's object may be at `path`: it is, or the host cannot tell.
+  bool mayLeadTo(const NfsPath& path, const NfsHandle& handle);
   std::shared_ptr<Directory> openHostDirectory(const NfsPath& path);
   MetaData askForMetaData(const NfsPath& path);
   // Drops all that is cached for `path`, or for it and everything below.
@@ -169,6 +185,8 @@ class NfsFileSystem {
   FileSystem& m_fs;
   const IStatistics* const m_statistics;  // m_fs itself; nullptr when there are none to be told
   const IAccessControl* const m_accessControl;  // the same, when there is nobody to be asked
+  IWatchable* const m_watchable;     // the same, when nobody but the library changes the tree
+  std::atomic<bool> m_othersChange;  // or have done so once
   const Profile m_profile;
   const bool m_writable;
 

@@ -367,6 +367,9 @@ void NfsServer::exportFileSystem(const NfsPath& path, FileSystem& fs, const NfsM
 }
 void NfsServer::removeExport(const NfsPath& path) { m_impl->removeExport(path); }
 void NfsServer::reRunServer(const NfsMountSpec& spec) { m_impl->reRunServer(spec); }
+void NfsServer::invalidate(const FileSystem& fs, const Invalidation& what) {
+  m_impl->invalidate(fs, what);
+}
 unsigned int NfsServer::getAddress() const { return m_impl->getAddress(); }
 unsigned int NfsServer::getNfsPort() const { return m_impl->getNfsPort(); }
 unsigned int NfsServer::getMountPort() const { return m_impl->getMountPort(); }

@@ -79,6 +79,17 @@ void NfsService::clearExports() {
   markExportsChanged();
 }
 
+void NfsService::invalidate(const FileSystem& fs, const Invalidation& what) {
+  std::vector<std::shared_ptr<NfsFileSystem>> views;
+  {
+    const std::shared_lock lock(m_exportLock);
+    for (const auto& [number, view] : m_views) {
+      if (view->shows(fs)) views.push_back(view);
+    }
+  }
+  for (const auto& view : views) view->invalidate(what);
+}
+
 bool NfsService::waitForViews(std::chrono::steady_clock::time_point deadline) {
   std::size_t exported = 0;
   {

@@ -24,6 +24,7 @@
 namespace nfslib {
 
 class FileSystem;
+struct Invalidation;
 class Nfs4Client;
 class Nfs4Session;
 class NfsFileSystem;
@@ -72,6 +73,8 @@ class NfsService {
   bool removeExport(const NfsPath& path);
   // Withdraws all exports.
   void clearExports();
+  // Has every export of `fs` forget what changed without it: see NfsServer::invalidate.
+  void invalidate(const FileSystem& fs, const Invalidation& what);
   // Waits until the requests that use withdrawn views are done; false when they were not in time.
   bool waitForViews(std::chrono::steady_clock::time_point deadline);
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 namespace nfslib::testing {
 namespace {
@@ -90,6 +90,36 @@ TEST_F(HandleMapTest, MovesOneNameOverAnother) {
   EXPECT_EQ(at(7), "/b");
   map.forget(NfsPath("/b"));
   EXPECT_EQ(at(7), "");
+}
+
+// News of a rename by others come late: what calls have seen meanwhile counts.
+TEST_F(HandleMapTest, FollowsAnObjectAndLeavesItsSuccessorAlone) {
+  const NfsPath from("/d"), to("/x/e");
+  see(1, "/d");
+  see(2, "/d/f");
+  see(3, "/d!");
+  map.follow(9, from, to);  // nobody knows it
+  EXPECT_EQ(at(2), "/d/f");
+  map.follow(1, from, to);
+  EXPECT_EQ(at(1), "/x/e");
+  EXPECT_EQ(at(2), "/x/e/f");
+  EXPECT_EQ(at(3), "/d!");
+
+  // It was seen at its new place already; what was below it was not.
+  see(1, "/d");
+  EXPECT_EQ(at(2), "/x/e/f");
+  map.follow(1, to, from);
+  EXPECT_EQ(at(1), "/d");
+  EXPECT_EQ(at(2), "/d/f");
+
+  // Another one is at the old place by now.
+  see(4, "/d");
+  see(5, "/d/new");
+  map.follow(1, from, to);
+  EXPECT_EQ(at(1), "/x/e");
+  EXPECT_EQ(at(4), "/d");
+  EXPECT_EQ(at(5), "/d/new");
+  EXPECT_THAT(map.seenAt(from), ::testing::ElementsAre(4));
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <nfslib/hosts/memory_file_system.h>
+#include <nfslib/invalidation.h>
 #include <nfslib/nfs_mount_spec.h>
 #include <nfslib/nfs_path.h>
 #include <nfslib/nfs_server.h>
@@ -328,6 +329,38 @@ TEST_F(NfsServerTest, CountsOperationsOfVersion4) {
   EXPECT_EQ(counted.of(kNfs, "PUTROOTFH", true), "2/0");
   EXPECT_EQ(counted.of(kNfs, "GETFH", true), "1/0");
   EXPECT_EQ(counted.of(kNfs, "OTHER", true), "1/1");
+
+// A host may tell at any time, whatever the server is about.
+TEST_F(NfsServerTest, ClientsSeeWhatTheHostTellsOf) {
+  const Invalidation change{.path = NfsPath("/d/f")};
+  server.invalidate(tree, change);
+  server.exportFileSystem(kA, tree, spec);
+  {
+    Nfs3Client client(server.getNfsPort());
+    Nfs3Client mounting(server.getMountPort());
+    const NfsHandle dir = checked(client.lookup(mounting.mount(kA.str()), "d")).handle;
+    const NfsHandle file = checked(client.lookup(dir, "f")).handle;
+    tree.change("/d/f", [](MetaData& md) { md.size = 7; });
+    EXPECT_EQ(checked(client.getAttributes(file)).attributes.size, 0U);
+    server.invalidate(tree, change);
+    EXPECT_EQ(checked(client.getAttributes(file)).attributes.size, 7U);
+    tree.add("/d/f", FileType::Regular);  // another one in its place
+    server.invalidate(tree, change);
+    EXPECT_NE(client.getAttributes(file).status, 0U);
+    EXPECT_EQ(checked(client.lookup(dir, "f")).attributes.size, 0U);
+  }
+  std::atomic<bool> stop = false;
+  std::thread telling([&] {
+    while (!stop) server.invalidate(tree, change);
+  });
+  for (int i = 0; i < 3; ++i) {
+    server.removeExport(kA);
+    server.exportFileSystem(kA, tree, spec);
+  }
+  stop = true;
+  telling.join();
+  server.removeExport(kA);
+  server.invalidate(tree, change);
 }
 
 }  // namespace

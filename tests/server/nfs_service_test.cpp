@@ -5,6 +5,7 @@
 #include "support/failure_of.h"
 #include "support/recorded_log.h"
 
+#include <atomic>
 #include <ctime>
 #include <future>
 #include <stdexcept>
@@ -17,6 +18,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
+using Scope = Invalidation::Scope;
 using std::chrono_literals::operator""ms;
 using std::chrono_literals::operator""s;
 
@@ -124,6 +126,49 @@ TEST_F(NfsServiceTest, WaitsForTheRequestsThatUseAWithdrawnView) {
     survivor = other.getFileSystem(a).second;
   }
   EXPECT_TRUE(survivor->pathExists(NfsPath("/d")));
+}
+
+// A tree may be exported in several places, and a host need not know where.
+TEST_F(NfsServiceTest, EveryExportOfATreeLearnsOfAChange) {
+  CountingTree other({"/d"});
+  add(a);
+  add(b);
+  service.exportFileSystem(NfsPath("/other"), other, {});
+  const NfsPath d("/d");
+  const auto sizeIn = [&](const NfsPath& path) {
+    return service.getFileSystem(path).second->getMetaData(d).size;
+  };
+  const auto grow = [&](CountingTree& grown) {
+    grown.change("/d", [](MetaData& md) { ++md.size; });
+  };
+  for (const NfsPath& path : {a, b, NfsPath("/other")}) EXPECT_EQ(sizeIn(path), 0U);
+  grow(tree);
+  grow(other);
+  service.invalidate(tree, {.path = d});
+  EXPECT_EQ(sizeIn(a), 1U);
+  EXPECT_EQ(sizeIn(b), 1U);
+  EXPECT_EQ(sizeIn(NfsPath("/other")), 0U);
+
+  CountingTree unknown;
+  EXPECT_NO_THROW(service.invalidate(unknown, {.path = d}));
+}
+
+TEST_F(NfsServiceTest, ChangesMayBeToldWhileExportsComeAndGo) {
+  std::atomic<bool> stop = false;
+  auto telling = std::async(std::launch::async, [&] {
+    while (!stop) service.invalidate(tree, {.path = NfsPath("/"), .scope = Scope::Tree});
+  });
+  // Also from within a call of the host.
+  tree.onCall = [&](const std::string&) { service.invalidate(tree, {.path = NfsPath("/d")}); };
+  add(b);
+  for (int i = 0; i < 300; ++i) {
+    add(a);
+    EXPECT_TRUE(service.getFileSystem(a).second->pathExists(NfsPath("/d/e")));
+    service.removeExport(a);
+  }
+  EXPECT_TRUE(service.waitForViews(std::chrono::steady_clock::now() + 20s));
+  stop = true;
+  telling.get();
 }
 
 }  // namespace
