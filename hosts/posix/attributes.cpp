@@ -104,7 +104,7 @@ MetaData readMetaData(int fd, std::uint64_t fileId, const std::string& shown) {
 void changeMetaData(Tree& tree, int fd, const MetaData& wanted, const std::string& shown,
                     const std::function<bool(std::uint64_t)>& resize) {
   const std::lock_guard lock(tree.modeLock);
-  const Changes::Scope change(tree.changes);
+  Changes::Scope change(tree.changes);
   struct statx status {};
   if (!readStatus(fd, status)) fail(errno, "read the attributes of " + shown);
   const MetaData now = toMetaData(status, 0);
@@ -162,6 +162,7 @@ void changeMetaData(Tree& tree, int fd, const MetaData& wanted, const std::strin
     // Resizing moved the modification time; setting it has just been seen to be allowed.
     if (newTimes) setTimes(newTimeValues);
   }
+  change.left(fd);
 }
 
 }  // namespace nfslib::hosts::posix

@@ -127,10 +127,13 @@ std::shared_ptr<Directory> PosixDirectory::CreateSubdir(const std::string& name)
   requireEntryName(name);
   const std::shared_lock lock(m_tree->lock);
   const OpenDirectory directory = m_tree->open(*m_place, O_PATH);
-  const Changes::Scope change(m_tree->changes);
+  Changes::Scope change(m_tree->changes);
   if (::mkdirat(directory.get(), name.c_str(), 0755) != 0) {
     fail(errno, "create the directory " + directory.shown(name));
   }
+  change.happened(Changes::Kind::Made, directory.path, name);
+  change.left(directory.get());
+  change.left(directory.get(), name.c_str());
   // A place that is still known is that of a directory which somebody else removed.
   m_tree->dropChild(*m_place, name);
   return std::make_shared<PosixDirectory>(m_tree, m_tree->child(m_place, name));
@@ -140,10 +143,15 @@ std::shared_ptr<File> PosixDirectory::CreateFile(const std::string& name) {
   requireEntryName(name);
   const OpenDirectory directory = open();
   std::string shown = directory.shown(name);
-  const Changes::Scope change(m_tree->changes);
+  Changes::Scope change(m_tree->changes);
   Descriptor file(retried([&] {
     return ::openat(directory.get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | kSafely, 0644);
   }));
+  if (file) {
+    change.happened(Changes::Kind::Made, directory.path, name);
+    change.left(directory.get());
+    change.left(file.get());
+  }
   struct statx status {};
   if (!file || !readStatus(file.get(), status)) fail(errno, "create the file " + shown);
   return std::make_shared<PosixFile>(m_tree, std::move(file), PosixFile::Access::ReadWrite,
@@ -154,10 +162,13 @@ void PosixDirectory::CreateSymlink(const std::string& name, const std::string& t
   requireEntryName(name);
   requireLinkTarget(target);
   const OpenDirectory directory = open();
-  const Changes::Scope change(m_tree->changes);
+  Changes::Scope change(m_tree->changes);
   if (::symlinkat(target.c_str(), directory.get(), name.c_str()) != 0) {
     fail(errno, "create the symbolic link " + directory.shown(name));
   }
+  change.happened(Changes::Kind::Made, directory.path, name);
+  change.left(directory.get());
+  change.left(directory.get(), name.c_str());
 }
 
 void PosixDirectory::RemoveSubdir(const std::string& name) { remove(name, AT_REMOVEDIR); }
@@ -170,10 +181,13 @@ void PosixDirectory::remove(const std::string& name, int flags) {
   const std::unique_lock lock(m_tree->lock);
   const OpenDirectory directory = m_tree->open(*m_place, O_PATH);
   object = hold(directory, name);
-  const Changes::Scope change(m_tree->changes);
+  Changes::Scope change(m_tree->changes);
   if (!object || ::unlinkat(directory.get(), name.c_str(), flags) != 0) {
     fail(errno, "remove " + directory.shown(name));
   }
+  change.happened(Changes::Kind::Removed, directory.path, name);
+  change.left(directory.get());
+  change.left(object.get());
   forgetIfNameless(*m_tree, object);
   if (flags == AT_REMOVEDIR) m_tree->dropChild(*m_place, name);
 }
@@ -193,7 +207,7 @@ void PosixDirectory::MoveEntry(const std::string& name, const std::shared_ptr<Di
   const OpenDirectory from = m_tree->open(*m_place, O_PATH);
   const OpenDirectory to = m_tree->open(*target->m_place, O_PATH);
   replaced = hold(to, newName);
-  const Changes::Scope change(m_tree->changes);
+  Changes::Scope change(m_tree->changes);
   if (::renameat(from.get(), name.c_str(), to.get(), newName.c_str()) != 0) {
     const int error = errno;
     std::string what = "move " + from.shown(name);
@@ -201,6 +215,11 @@ void PosixDirectory::MoveEntry(const std::string& name, const std::shared_ptr<Di
     // POSIX lets the system call a directory with entries either.
     fail(error == EEXIST ? ENOTEMPTY : error, what);
   }
+  change.happened(Changes::Kind::MovedAway, from.path, name);
+  change.happened(Changes::Kind::MovedHere, to.path, newName);
+  change.left(from.get());
+  change.left(to.get());
+  change.left(to.get(), newName.c_str());
   forgetIfNameless(*m_tree, replaced);
   m_tree->moveChild(*m_place, name, target->m_place, newName);
 }
@@ -218,12 +237,15 @@ void PosixDirectory::Link(const std::string& name, const std::shared_ptr<File>& 
     throw SystemNfsException(ENOENT,
                              "Cannot link " + directory.shown(name) + ": the file was removed.");
   }
-  const Changes::Scope change(m_tree->changes);
+  Changes::Scope change(m_tree->changes);
   // By the descriptor: whatever has the file's name by now, the link goes to this very file.
   if (::linkat(AT_FDCWD, procName(target->descriptor()).c_str(), directory.get(), name.c_str(),
                AT_SYMLINK_FOLLOW) != 0) {
     fail(errno, "create the link " + directory.shown(name));
   }
+  change.happened(Changes::Kind::Made, directory.path, name);
+  change.left(directory.get());
+  change.left(target->descriptor());
 }
 
 DirEntry PosixDirectory::GetEntryByName(const std::string& name) const {

@@ -73,14 +73,17 @@ unsigned long PosixFile::Read(unsigned long offset, void* buffer, unsigned long 
 unsigned long PosixFile::Write(unsigned long offset, const void* data, unsigned long length) {
   requireOffset(offset, length, m_shown);
   const int fd = writable();
-  const Changes::Scope change(m_tree->changes);
+  Changes::Scope change(m_tree->changes);
   const auto* const bytes = static_cast<const char*>(data);
   struct stat before {};
   const bool sizeKnown = ::fstat(fd, &before) == 0;
   const Transfer written = transferAll(length, [&](unsigned long done) {
     return ::pwrite(fd, bytes + done, length - done, static_cast<off_t>(offset + done));
   });
-  if (written.done == length) return length;
+  if (written.done == length) {
+    change.left(fd);
+    return length;
+  }
   const int error = written.failed ? errno : EIO;
   if (sizeKnown) cutBack(fd, static_cast<std::uint64_t>(before.st_size), offset + written.done);
   fail(error, "write to " + m_shown);
@@ -139,13 +142,14 @@ Descriptor PosixFile::openForWriting() const {
   // Who creates a file 0444 goes on to write it, and NFS has no descriptor that would allow that.
   // The owner might change the mode at any time; so do we, for this moment.
   const std::lock_guard lock(m_tree->modeLock);
-  const Changes::Scope change(m_tree->changes);
+  Changes::Scope change(m_tree->changes);
   struct stat status {};
   if (error == EACCES && ::fstat(m_opened.get(), &status) == 0 && status.st_uid == ::geteuid() &&
       ::chmod(name.c_str(), (status.st_mode & 07777) | S_IRUSR | S_IWUSR) == 0) {
     Descriptor opened = open(O_RDWR);
     error = errno;
     static_cast<void>(::chmod(name.c_str(), status.st_mode & 07777));
+    change.left(m_opened.get());
     if (opened) return opened;
   }
   fail(error, "open " + m_shown + " for writing");

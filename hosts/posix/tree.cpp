@@ -99,6 +99,10 @@ OpenDirectory Tree::open(const Place& place, int flags) const {
   return opened;
 }
 
+Descriptor Tree::openDirectory(const std::string& path) const {
+  return openPath(path, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
 std::string Tree::pathOf(const Place& place) const {
   std::vector<const Place*> way;
   bool gone = false;

@@ -64,6 +64,10 @@ class Tree {
   // more. Under `lock`, at least shared.
   OpenDirectory open(const Place& place, int flags) const;
 
+  // The directory that is at `path` now, for a look at it (O_PATH); empty, and errno, when it is
+  // not there. Needs no lock: the names on the way may be others' by then.
+  Descriptor openDirectory(const std::string& path) const;
+
   // The place of the subdirectory `name`, which was seen to exist. Under `lock`, at least shared.
   std::shared_ptr<Place> child(const std::shared_ptr<Place>& parent, const std::string& name);
   // The subdirectory `name` was removed or replaced: whoever has it open shall not get at a

@@ -102,4 +102,9 @@ FileSystemStatistics ReadOnlyFileSystem::GetStatistics() const {
   return source->GetStatistics();
 }
 
+bool ReadOnlyFileSystem::Watch(const NfsPath& directory) {
+  auto* const source = dynamic_cast<IWatchable*>(m_tree.get());
+  return source == nullptr || source->Watch(directory);
+}
+
 }  // namespace nfslib::hosts

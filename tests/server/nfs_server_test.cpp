@@ -329,6 +329,7 @@ TEST_F(NfsServerTest, CountsOperationsOfVersion4) {
   EXPECT_EQ(counted.of(kNfs, "PUTROOTFH", true), "2/0");
   EXPECT_EQ(counted.of(kNfs, "GETFH", true), "1/0");
   EXPECT_EQ(counted.of(kNfs, "OTHER", true), "1/1");
+}
 
 // A host may tell at any time, whatever the server is about.
 TEST_F(NfsServerTest, ClientsSeeWhatTheHostTellsOf) {

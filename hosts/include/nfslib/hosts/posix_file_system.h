@@ -1,7 +1,9 @@
 #pragma once
 
 #include <nfslib/file_system.h>
+#include <nfslib/invalidation.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -9,7 +11,8 @@ namespace nfslib::hosts {
 
 namespace posix {
 class Tree;
-}
+class Watcher;
+}  // namespace posix
 
 /// A directory of this machine and everything below it.
 ///
@@ -21,7 +24,8 @@ class Tree;
 /// many.
 ///
 /// A directory that is renamed through this host keeps its objects. One that another process
-/// renames is looked for under its old name, and not found there.
+/// renames is looked for under its old name, and not found there; where changes are watched, the
+/// library is told where it went.
 ///
 /// Object ids are handed out in the order in which objects are first seen and are valid for as long
 /// as this object lives; each object seen costs some 60 bytes until it is removed through this
@@ -40,7 +44,7 @@ class Tree;
 ///
 /// Size (of files), mode (not of symbolic links), owner, group, access and modification time can be
 /// set; access lists cannot. Any number of threads may use the tree.
-class PosixFileSystem : public FileSystem, public IStatistics {
+class PosixFileSystem : public FileSystem, public IStatistics, public IWatchable {
  public:
   /// How the path of a directory below the root is walked.
   enum class PathWalk {
@@ -53,13 +57,35 @@ class PosixFileSystem : public FileSystem, public IStatistics {
   explicit PosixFileSystem(const std::string& rootDirectory, PathWalk walk = PathWalk::Automatic);
   ~PosixFileSystem() override;
 
+  /// Tells `listener` of changes by others, on a thread of its own that ends with this object.
+  /// Hand it what it gets to `NfsServer::invalidate`, with the tree that is exported:
+  ///
+  ///     tree.watchChanges([&](const Invalidation& what) { server.invalidate(tree, what); });
+  ///
+  /// Without this, and wherever no more directories can be watched, the library keeps nothing of
+  /// the tree and reads it anew for each request. Directories are watched as they come into use, at
+  /// most `mostDirectories` and as many as the system lets a user have (the sysctl
+  /// fs.inotify.max_user_watches); the log says so when that is not enough. Some 1.2 KiB of the
+  /// system's memory and 200 bytes of the process are used for each.
+  ///
+  /// Not reported by the system, and so not seen while the library keeps what it has read: what is
+  /// written through memory maps, what happens on the servers of network file systems, and what is
+  /// mounted below the root. Of a file with several names, a change is told for the one it was made
+  /// through.
+  ///
+  /// To be called once at most, before the tree is exported. Should the system have no watches at
+  /// all, the log says so, and nothing is kept.
+  void watchChanges(InvalidationListener listener, std::size_t mostDirectories = 65'536);
+
   std::shared_ptr<Directory> OpenRoot() override;
+  bool Watch(const NfsPath& directory) override;
   /// Those of the file system that the root is on.
   FileSystemStatistics GetStatistics() const override;
 
  private:
   std::shared_ptr<posix::Tree> m_tree;
   std::shared_ptr<Directory> m_root;
+  std::unique_ptr<posix::Watcher> m_watcher;
 };
 
 }  // namespace nfslib::hosts

@@ -14,7 +14,7 @@ namespace nfslib::hosts {
 /// be changed stops it.
 ///
 /// As safe for threads as the tree behind it.
-class ReadOnlyFileSystem : public FileSystem, public IStatistics {
+class ReadOnlyFileSystem : public FileSystem, public IStatistics, public IWatchable {
  public:
   /// Shows `tree`, and owns it from now on.
   explicit ReadOnlyFileSystem(std::unique_ptr<FileSystem> tree) : m_tree(std::move(tree)) {}
@@ -22,6 +22,8 @@ class ReadOnlyFileSystem : public FileSystem, public IStatistics {
   std::shared_ptr<Directory> OpenRoot() override;
   /// Throws INfsException when the tree has none.
   FileSystemStatistics GetStatistics() const override;
+  /// Yes for a tree that only the library would change.
+  bool Watch(const NfsPath& directory) override;
 
  private:
   const std::unique_ptr<FileSystem> m_tree;
