@@ -9,12 +9,14 @@ UNAVAILABLE = 77
 # Both profiles do what the same programs ask for; version 4 alone is what the client comes down to.
 READING = ("3 --classic", "3", "4.0", "4.1", "4")
 CHANGING = ("4.0 --classic", "3", "4.0", "4.1")
+VERSIONS = ("3", "4.0", "4.1")
 # One machine runs one script after the other and says how each ended.
 ALL = f"""tool=$1
 run() {{ ./kernel_$1.sh "$tool" "${{@:2}}" 2>&1 && status=0 || status=$?
   words="$*"; echo "end of ${{words%% /*}}: status $status"; }}
 {"; ".join(f"run client {how}" for how in READING)}
 {"; ".join(f"run writer {how}" for how in CHANGING)}
+{"; ".join(f"run outside {how}" for how in VERSIONS)}
 run version4 --classic; run version4; run modern; run locks 4.0; run locks 4.1; run mounts "$2"
 """
 
@@ -43,6 +45,11 @@ class Kernel(unittest.TestCase):
         for how in CHANGING:
             with self.subTest(how):
                 self.passed(f"writer {how}")
+
+    def test_changes_where_the_tree_is_served_from(self):
+        for how in VERSIONS:
+            with self.subTest(how):
+                self.passed(f"outside {how}")
 
     def test_what_only_version_4_has(self):
         for run in ("version4 --classic", "version4"):

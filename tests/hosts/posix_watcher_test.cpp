@@ -1,8 +1,9 @@
 // Changes that others make to a directory of this machine, as its host tells of them.
 
+#include <nfslib/hosts/posix_file_system.h>
+
 #include "fs/nfs_file_system.h"
 #include "hosts/host_conformance.h"
-#include "posix/posix_file_system.h"
 #include "support/recorded_log.h"
 #include "support/scratch_directory.h"
 

@@ -3,6 +3,7 @@
 #include <nfslib/hosts/memory_file_system.h>
 #include <nfslib/hosts/posix_file_system.h>
 #include <nfslib/hosts/read_only_file_system.h>
+#include <nfslib/nfs_server.h>
 
 #include <charconv>
 #include <filesystem>
@@ -25,23 +26,23 @@ std::string nameOf(const std::filesystem::path& directory) {
   return error || name.empty() ? "export" : name;
 }
 
-Source open(const std::string& text) {
-  if (text == kMemory) {
-    return {"/memory", std::make_unique<hosts::MemoryFileSystem>(kDefaultCapacity)};
-  }
-  if (text.starts_with("memory:")) {
-    const std::uint64_t capacity = parseSize(text.substr(kMemory.size() + 1));
-    return {"/memory", std::make_unique<hosts::MemoryFileSystem>(capacity)};
-  }
-  std::error_code error;
-  const auto status = std::filesystem::status(text, error);
-  if (!std::filesystem::exists(status)) {
-    throw std::runtime_error(text + " does not exist; name a directory to serve, or 'memory'.");
-  }
-  if (!std::filesystem::is_directory(status)) {
-    throw std::runtime_error(text + " is not a directory; name a directory to serve.");
-  }
-  return {std::string("/").append(nameOf(text)), std::make_unique<hosts::PosixFileSystem>(text)};
+std::unique_ptr<FileSystem> guarded(std::unique_ptr<FileSystem> tree, bool writable) {
+  if (writable) return tree;
+  return std::make_unique<hosts::ReadOnlyFileSystem>(std::move(tree));
+}
+
+Source directorySource(const std::string& path, bool writable) {
+  auto tree = std::make_unique<hosts::PosixFileSystem>(path);
+  hosts::PosixFileSystem& directory = *tree;
+  Source source{std::string("/").append(nameOf(path)), guarded(std::move(tree), writable)};
+  directory.watchChanges([exported = source.tree.get()](const Invalidation& what) {
+    NfsServer::instance().invalidate(*exported, what);
+  });
+  return source;
+}
+
+Source memorySource(std::uint64_t capacity, bool writable) {
+  return {"/memory", guarded(std::make_unique<hosts::MemoryFileSystem>(capacity), writable)};
 }
 
 }  // namespace
@@ -65,11 +66,19 @@ std::uint64_t parseSize(const std::string& text) {
 }
 
 Source openSource(const std::string& text, bool writable) {
-  Source source = open(text);
-  if (!writable) {
-    source.tree = std::make_unique<hosts::ReadOnlyFileSystem>(std::move(source.tree));
+  if (text == kMemory) return memorySource(kDefaultCapacity, writable);
+  if (text.starts_with("memory:")) {
+    return memorySource(parseSize(text.substr(kMemory.size() + 1)), writable);
   }
-  return source;
+  std::error_code error;
+  const auto status = std::filesystem::status(text, error);
+  if (!std::filesystem::exists(status)) {
+    throw std::runtime_error(text + " does not exist; name a directory to serve, or 'memory'.");
+  }
+  if (!std::filesystem::is_directory(status)) {
+    throw std::runtime_error(text + " is not a directory; name a directory to serve.");
+  }
+  return directorySource(text, writable);
 }
 
 }  // namespace nfslib::tool
