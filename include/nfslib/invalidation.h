@@ -10,6 +10,7 @@ namespace nfslib {
 
 /// What happened to a tree without the library: see `NfsServer::invalidate`. A plain value.
 struct Invalidation {
+  /// How far the news reach.
   enum class Scope : std::uint8_t {
     Object,  ///< the object at `path` alone
     Tree,    ///< it, and everything below
@@ -18,7 +19,7 @@ struct Invalidation {
   /// Where in the host's tree something is not as it was: other content, other attributes, other
   /// entries, another object or none. With `movedTo`, the place that an object was moved away from.
   NfsPath path;
-  Scope scope = Scope::Object;
+  Scope scope = Scope::Object;  ///< whether what is below `path` is meant too
   /// Where the object is now, in place of what was there. Handles of the object, and with
   /// `Scope::Tree` of what is below it, lead there from now on.
   std::optional<NfsPath> movedTo{};
