@@ -7,6 +7,12 @@
 
 namespace nfslib::hosts::archive {
 
+class Decoder;
+
+// A decoder that stands at the first byte, or at the byte where a restart point was taken. Any
+// thread may call it, also while decoders that it made are in use.
+using MakeDecoder = std::function<std::unique_ptr<Decoder>()>;
+
 // Yields the bytes of a compressed source from some offset on, in order. Used by one thread at a
 // time.
 class Decoder {
@@ -15,9 +21,14 @@ class Decoder {
   // Throws SystemNfsException(EIO) where what is stored is damaged.
   virtual std::size_t read(void* buffer, std::size_t size) = 0;
   virtual ~Decoder() = default;
-};
 
-// A decoder that stands at the first byte.
-using MakeDecoder = std::function<std::unique_ptr<Decoder>()>;
+  // What it takes to go on later from where this decoder stands now: `make`, which is empty where
+  // that cannot be done, and the bytes of memory that `make` holds.
+  struct Restart {
+    MakeDecoder make = {};
+    std::size_t bytes = 0;
+  };
+  virtual Restart restart() { return {}; }
+};
 
 }  // namespace nfslib::hosts::archive

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "retried.h"
+
 #include <cerrno>
 #include <string>
 #include <string_view>
@@ -25,14 +27,6 @@ class Descriptor {
  private:
   int m_fd = -1;
 };
-
-// Calls `systemCall` again for as long as a signal interrupts it.
-template <class SystemCall>
-auto retried(SystemCall systemCall) {
-  auto result = systemCall();
-  while (result < 0 && errno == EINTR) result = systemCall();
-  return result;
-}
 
 // Throws for the errno value `error`: "Cannot " + `what` + ": " + the cause. A SystemNfsException;
 // for lack of space, quotas included, an OutOfSpaceNfsException.
