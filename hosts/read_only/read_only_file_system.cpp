@@ -1,6 +1,8 @@
 #include <nfslib/exception.h>
 #include <nfslib/hosts/read_only_file_system.h>
 
+#include "read_only/refusing.h"
+
 #include <optional>
 #include <string>
 #include <utility>
@@ -9,9 +11,7 @@ namespace nfslib::hosts {
 
 namespace {
 
-[[noreturn]] void refuse() { throw SystemNfsException(EROFS, "This tree is read-only."); }
-
-class ReadOnlyFile : public File, public IDescriptorFile {
+class ReadOnlyFile : public read_only::RefusingFile, public IDescriptorFile {
  public:
   explicit ReadOnlyFile(std::shared_ptr<File> file)
       : m_file(std::move(file)), m_source(dynamic_cast<IDescriptorFile*>(m_file.get())) {}
@@ -25,22 +25,17 @@ class ReadOnlyFile : public File, public IDescriptorFile {
   }
   void DescriptorFailed() noexcept override { m_source->DescriptorFailed(); }
 
-  unsigned long Write(unsigned long, const void*, unsigned long) override { refuse(); }
-  void SetMetaData(const MetaData&) override { refuse(); }
-
  private:
   const std::shared_ptr<File> m_file;
   IDescriptorFile* const m_source;  // m_file itself, nullptr when it has no descriptor
 };
 
-class ReadOnlySymlink : public Symlink {
+class ReadOnlySymlink : public read_only::RefusingSymlink {
  public:
   explicit ReadOnlySymlink(std::shared_ptr<Symlink> link) : m_link(std::move(link)) {}
 
   std::string GetTarget() override { return m_link->GetTarget(); }
   MetaData GetMetaData() const override { return m_link->GetMetaData(); }
-
-  void SetMetaData(const MetaData&) override { refuse(); }
 
  private:
   const std::shared_ptr<Symlink> m_link;
@@ -52,7 +47,7 @@ std::shared_ptr<Guard> guarded(std::shared_ptr<Object> object) {
   return object ? std::make_shared<Guard>(std::move(object)) : nullptr;
 }
 
-class ReadOnlyDirectory : public Directory {
+class ReadOnlyDirectory : public read_only::RefusingDirectory {
  public:
   explicit ReadOnlyDirectory(std::shared_ptr<Directory> dir) : m_dir(std::move(dir)) {}
 
@@ -73,18 +68,6 @@ class ReadOnlyDirectory : public Directory {
   std::optional<DirEntry> TryGetEntryByName(const std::string& name) const override {
     return m_dir->TryGetEntryByName(name);
   }
-
-  void SetMetaData(const MetaData&) override { refuse(); }
-  std::shared_ptr<Directory> CreateSubdir(const std::string&) override { refuse(); }
-  std::shared_ptr<File> CreateFile(const std::string&) override { refuse(); }
-  void CreateSymlink(const std::string&, const std::string&) override { refuse(); }
-  void RemoveSubdir(const std::string&) override { refuse(); }
-  void RemoveFile(const std::string&) override { refuse(); }
-  void MoveEntry(const std::string&, const std::shared_ptr<Directory>&,
-                 const std::string&) override {
-    refuse();
-  }
-  void Link(const std::string&, const std::shared_ptr<File>&) override { refuse(); }
 
  private:
   const std::shared_ptr<Directory> m_dir;

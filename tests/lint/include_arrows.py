@@ -29,7 +29,7 @@ ARROWS = [
     ("hosts/include/", []),
     ("hosts/memory/", ["memory/", "hosts/", "nfslib/hosts/memory_file_system.h"]),
     ("hosts/posix/", ["posix/", "hosts/", "nfslib/hosts/posix_file_system.h"]),
-    ("hosts/archive/", ["archive/", "hosts/", "nfslib/hosts/archive_file_system.h"]),
+    ("hosts/archive/", ["archive/", "read_only/", "hosts/", "nfslib/hosts/archive_file_system.h"]),
     ("hosts/read_only/", ["read_only/", "hosts/", "nfslib/hosts/read_only_file_system.h"]),
     ("hosts/", ["hosts/"]),
     ("tools/nfslib/", ["tools/nfslib/", "nfslib/hosts/"]),
