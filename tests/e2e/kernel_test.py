@@ -17,7 +17,7 @@ run() {{ ./kernel_$1.sh "$tool" "${{@:2}}" 2>&1 && status=0 || status=$?
 {"; ".join(f"run client {how}" for how in READING)}
 {"; ".join(f"run writer {how}" for how in CHANGING)}
 {"; ".join(f"run outside {how}" for how in VERSIONS)}
-run version4 --classic; run version4; run modern; run locks 4.0; run locks 4.1; run mounts "$2"
+run version4 --classic; run version4; run modern; run locks 4.0; run locks 4.1; run mounts "$2"; run archive
 """
 
 
@@ -69,6 +69,10 @@ class Kernel(unittest.TestCase):
         support.program("rpcbind")
         support.program("rpcinfo")
         self.passed("mounts")
+
+    def test_an_archive_is_mounted(self):
+        support.program("zstd")
+        self.passed("archive")
 
 
 if __name__ == "__main__":

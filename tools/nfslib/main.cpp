@@ -1,4 +1,4 @@
-// nfslib: serves a directory, or a tree in memory, over NFS, and mounts it.
+// nfslib: serves a directory, an archive, or a tree in memory, over NFS, and mounts it.
 
 #include "mount_commands.h"
 #include "serve_command.h"
@@ -49,13 +49,16 @@ int groupId(const std::string& group) {
 // What only the command line knows of the options.
 struct RawOptions {
   std::string group;
+  std::string archiveCache;
   bool alias = false;
   bool classic = false;
 };
 
 void addServeOptions(CLI::App& command, nfslib::tool::ServeOptions& options, RawOptions& raw) {
   NfsMountSpec& spec = options.spec;
-  command.add_option("SOURCE", options.source, "A directory, or memory[:SIZE] (default size 256M)")
+  command
+      .add_option("SOURCE", options.source,
+                  "A directory, an archive file, or memory[:SIZE] (default size 256M)")
       ->required();
   command.add_flag("--rw", spec.writeEnabled, "Let clients change the tree");
   command.add_option("--nfs-version", spec.version, "3 or 4 (default: 3 as root, 4 otherwise)")
@@ -84,6 +87,8 @@ void addServeOptions(CLI::App& command, nfslib::tool::ServeOptions& options, Raw
       ->check(CLI::Range(1, 1'000'000));
   command.add_option("--rsize", spec.rsize, "Bytes that a local mount asks for in one READ")
       ->check(CLI::Range(1024, 1'048'576));
+  command.add_option("--archive-cache", raw.archiveCache,
+                     "Memory, such as 64M, for what an archive decodes (default: 256M)");
   command.add_option("--log-level", options.logLevel, "error, warn (default), info or debug")
       ->check(CLI::IsMember({"error", "warn", "info", "debug"}));
   command.add_option("--log-file", options.logFile, "Append the log to a file");
@@ -97,7 +102,7 @@ void addServeOptions(CLI::App& command, nfslib::tool::ServeOptions& options, Raw
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"Serves a directory, or a tree in memory, over NFS, and mounts it."};
+  CLI::App app{"Serves a directory, an archive, or a tree in memory, over NFS, and mounts it."};
   app.require_subcommand(1);
   nfslib::tool::MountOptions options;
   NfsMountSpec& spec = options.serve.spec;
@@ -132,6 +137,9 @@ int main(int argc, char** argv) {
   try {
     if (!raw.group.empty()) spec.allowedGroupId = groupId(raw.group);
     spec.skipAddressAlias = !raw.alias;
+    if (!raw.archiveCache.empty()) {
+      options.serve.archiveCache = nfslib::tool::parseSize(raw.archiveCache);
+    }
     if (raw.classic) options.serve.policy = {};
     if (*serve) nfslib::tool::serve(options.serve);
     if (*mount) nfslib::tool::mount(options);

@@ -6,9 +6,6 @@
 
 #include "background.h"
 #include "mount_table.h"
-#include "source.h"
-#include "spdlog_sink.h"
-#include "stop_signals.h"
 
 #include <algorithm>
 #include <chrono>
@@ -114,21 +111,16 @@ void mount(const MountOptions& options) {
   if (options.inBackground) background.emplace();
   const StopSignals stopSignals;
   raiseDescriptorLimit();
-  const Source source = openSource(options.serve.source, options.serve.spec.writeEnabled);
+  if (logsFromStart(options.serve)) installLog(options.serve);
+  const auto source = openSource(sourceOptions(options.serve, stopSignals));
+  if (!source) return;
   StatisticsReport report(options.serve.report);
   {
     std::optional<RecordedMount> record;  // outlives the mount
     std::optional<NfsMounter> mounter;
-    // Unless the user asked for a log, a mount that fails says so in one sentence of its own.
-    const bool logsFromStart = !options.serve.logLevel.empty() || !options.serve.logFile.empty();
-    const auto makeSink = [&] {
-      const std::string level = options.serve.logLevel.empty() ? "warn" : options.serve.logLevel;
-      return makeLogSink(level, options.serve.logFile);
-    };
     try {
       NfsServer::instance().setPolicy(options.serve.policy);
-      mounter.emplace(mountPoint, *source.tree, options.serve.spec,
-                      logsFromStart ? makeSink() : nullptr);
+      mounter.emplace(mountPoint, *source->tree, options.serve.spec, nullptr);
     } catch (const std::exception&) {
       if (kernelHasNfs()) throw;
       throw std::runtime_error(
@@ -136,7 +128,7 @@ void mount(const MountOptions& options) {
           "client "
           "that brings its own, such as libnfs ('nfslib serve').");
     }
-    if (!logsFromStart) CNfsLibLogger::getInstance().setImpl(makeSink());
+    if (!logsFromStart(options.serve)) installLog(options.serve);
     const bool isVersion3 = NfsServer::instance().getMountPort() != 0;
     const bool hasAlias = isVersion3 && !options.serve.spec.skipAddressAlias;
     const std::string address = dotted(NfsServer::instance().getAddress());
@@ -154,7 +146,8 @@ void mount(const MountOptions& options) {
     if (background) background->ready();
     stopSignals.waitUnless([&] { return !isMountPoint(mountPoint); }, report.meanwhile());
     // Somebody else has unmounted: that the library cannot do so any more is nobody's concern.
-    if (!logsFromStart && !isMountPoint(mountPoint)) CNfsLibLogger::getInstance().resetImpl();
+    if (!logsFromStart(options.serve) && !isMountPoint(mountPoint))
+      CNfsLibLogger::getInstance().resetImpl();
   }
   report.end();
 }

@@ -4,9 +4,7 @@
 #include <nfslib/nfs_path.h>
 #include <nfslib/nfs_server.h>
 
-#include "source.h"
 #include "spdlog_sink.h"
-#include "stop_signals.h"
 
 #include <filesystem>
 #include <iostream>
@@ -86,33 +84,43 @@ bool hasProgram(const char* name) {
   return false;
 }
 
+bool logsFromStart(const ServeOptions& options) {
+  return !options.logLevel.empty() || !options.logFile.empty();
+}
+
+void installLog(const ServeOptions& options) {
+  const std::string level = options.logLevel.empty() ? "warn" : options.logLevel;
+  CNfsLibLogger::getInstance().setImpl(makeLogSink(level, options.logFile));
+}
+
+SourceOptions sourceOptions(const ServeOptions& options, const StopSignals& stopSignals) {
+  return {.text = options.source,
+          .writable = options.spec.writeEnabled,
+          .archiveCache = options.archiveCache,
+          .isStopped = [&stopSignals] { return stopSignals.hasCome(); }};
+}
+
 void serve(const ServeOptions& options) {
   const StopSignals stopSignals;
   raiseDescriptorLimit();
-  const Source source = openSource(options.source, options.spec.writeEnabled);
-
-  // Unless the user asked for a log, a start that fails says so in one sentence of its own.
-  const bool logsFromStart = !options.logLevel.empty() || !options.logFile.empty();
-  const auto installLog = [&] {
-    const std::string level = options.logLevel.empty() ? "warn" : options.logLevel;
-    CNfsLibLogger::getInstance().setImpl(makeLogSink(level, options.logFile));
-  };
-  if (logsFromStart) installLog();
+  if (logsFromStart(options)) installLog(options);
+  const auto source = openSource(sourceOptions(options, stopSignals));
+  if (!source) return;
   StatisticsReport report(options.report);
   {
     NfsServer& server = NfsServer::instance();
     server.setPolicy(options.policy);
-    const Export published(NfsPath(source.exportPath), *source.tree, options.spec);
-    if (!logsFromStart) installLog();
+    const Export published(NfsPath(source->exportPath), *source->tree, options.spec);
+    if (!logsFromStart(options)) installLog(options);
     const std::string address = dotted(server.getAddress());
     const unsigned nfsPort = server.getNfsPort();
     const unsigned mountPort = server.getMountPort();
 
-    std::cout << "export " << source.exportPath << "\naddress " << address << "\nnfs-port "
+    std::cout << "export " << source->exportPath << "\naddress " << address << "\nnfs-port "
               << nfsPort << '\n';
     if (mountPort != 0) std::cout << "mount-port " << mountPort << '\n';
     std::cout << "ready" << std::endl;
-    printHint(options, source.exportPath, address, nfsPort, mountPort);
+    printHint(options, source->exportPath, address, nfsPort, mountPort);
     stopSignals.wait(report.meanwhile());
   }
   report.end();

@@ -5,6 +5,8 @@
 #include <nfslib/hosts/read_only_file_system.h>
 #include <nfslib/nfs_server.h>
 
+#include "archive_source.h"
+
 #include <charconv>
 #include <filesystem>
 #include <limits>
@@ -65,20 +67,24 @@ std::uint64_t parseSize(const std::string& text) {
   return number << shift;
 }
 
-Source openSource(const std::string& text, bool writable) {
-  if (text == kMemory) return memorySource(kDefaultCapacity, writable);
+std::optional<Source> openSource(const SourceOptions& options) {
+  const std::string& text = options.text;
+  if (text == kMemory) return memorySource(kDefaultCapacity, options.writable);
   if (text.starts_with("memory:")) {
-    return memorySource(parseSize(text.substr(kMemory.size() + 1)), writable);
+    return memorySource(parseSize(text.substr(kMemory.size() + 1)), options.writable);
   }
+  if (isArchiveFile(text)) return openArchive(options);
   std::error_code error;
   const auto status = std::filesystem::status(text, error);
   if (!std::filesystem::exists(status)) {
-    throw std::runtime_error(text + " does not exist; name a directory to serve, or 'memory'.");
+    throw std::runtime_error(
+        text + " does not exist; name a directory or an archive to serve, or 'memory'.");
   }
   if (!std::filesystem::is_directory(status)) {
-    throw std::runtime_error(text + " is not a directory; name a directory to serve.");
+    throw std::runtime_error(
+        text + " is neither a directory nor an archive file; name one of them to serve.");
   }
-  return directorySource(text, writable);
+  return directorySource(text, options.writable);
 }
 
 }  // namespace nfslib::tool

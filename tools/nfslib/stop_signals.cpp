@@ -31,6 +31,12 @@ unsigned StopSignals::take() const {
   return read(m_descriptor, &signal, sizeof signal) == sizeof signal ? signal.ssi_signo : 0;
 }
 
+bool StopSignals::hasCome() const {
+  sigset_t pending{};
+  sigpending(&pending);
+  return sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1;
+}
+
 void StopSignals::wait(const Meanwhile& meanwhile) const {
   waitUnless([] { return false; }, meanwhile);
 }

@@ -22,6 +22,8 @@ class StopSignals {
   StopSignals& operator=(const StopSignals&) = delete;
 
   void wait(const Meanwhile& meanwhile) const;
+  // Whether one that stops has come already.
+  bool hasCome() const;
   // The same, or until `isOver` holds, which is asked whenever the table of mounts changes.
   void waitUnless(const std::function<bool()>& isOver, const Meanwhile& meanwhile) const;
 
