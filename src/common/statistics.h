@@ -100,8 +100,10 @@ struct alignas(64) ThreadCounts {
   static RowCounts& make(std::atomic<RowCounts*>& place);
 };
 
-// Those of this thread, once there are any.
-extern constinit thread_local ThreadCounts* t_own;
+// Those of this thread, once there are any. Found without a call, which each of a library's
+// thread-local variables takes otherwise; the loader has room for a few of these in a library that
+// is loaded late.
+extern constinit thread_local ThreadCounts* t_own __attribute__((tls_model("initial-exec")));
 ThreadCounts& takeOwn();
 inline ThreadCounts& own() { return t_own != nullptr ? *t_own : takeOwn(); }
 

@@ -34,6 +34,12 @@ class MetaDataCache {
     const std::lock_guard lock(m_lock);
     return m_entries.find(path);
   }
+  // The id of the object there, when its attributes are kept.
+  std::optional<std::uint64_t> findId(const NfsPath& path) {
+    const std::lock_guard lock(m_lock);
+    const MetaData* const md = m_entries.look(path);
+    return md != nullptr ? std::optional(md->fileId) : std::nullopt;
+  }
   std::uint64_t changes() const {
     const std::lock_guard lock(m_lock);
     return m_changes;

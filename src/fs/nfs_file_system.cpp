@@ -85,8 +85,9 @@ std::optional<NfsPath> NfsFileSystem::findPath(const NfsHandle& handle) {
 bool NfsFileSystem::mayLeadTo(const NfsPath& path, const NfsHandle& handle) {
   if (path.isRootPath()) return true;
   try {
-    const auto known = static_cast<std::uint32_t>(handle.objectId);
-    return static_cast<std::uint32_t>(lookUpMetaData(path).fileId) == known;
+    const auto kept = m_metaData->findId(path);
+    const std::uint64_t id = kept ? *kept : lookUpMetaData(path).fileId;
+    return static_cast<std::uint32_t>(id) == static_cast<std::uint32_t>(handle.objectId);
   } catch (const std::exception& e) {
     const auto status = toldStatus(e);
     return status != nfs::OperationResult::NoEntry && status != nfs::OperationResult::NotDirectory;

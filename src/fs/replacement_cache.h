@@ -47,10 +47,15 @@ class replacement_cache {
   }
 
   std::optional<Value> find(const Key& key) {
+    const Value* const found = look(key);
+    return found != nullptr ? std::optional(*found) : std::nullopt;
+  }
+  // The same without a copy: valid until the cache is changed. Null when there is none.
+  const Value* look(const Key& key) {
     const auto at = m_index.find(key);
-    if (at == m_index.end()) return std::nullopt;
+    if (at == m_index.end()) return nullptr;
     touch(at->second);
-    return at->second->second;
+    return &at->second->second;
   }
 
   std::optional<Value> erase(const Key& key) {
