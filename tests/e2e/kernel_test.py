@@ -17,7 +17,7 @@ run() {{ ./kernel_$1.sh "$tool" "${{@:2}}" 2>&1 && status=0 || status=$?
 {"; ".join(f"run client {how}" for how in READING)}
 {"; ".join(f"run writer {how}" for how in CHANGING)}
 {"; ".join(f"run outside {how}" for how in VERSIONS)}
-run version4 --classic; run version4; run modern; run locks 4.0; run locks 4.1; run mounts "$2"; run archive
+run version4 --classic; run version4; run modern; run locks 4.0; run locks 4.1; run archive; run mounts "$2"
 """
 
 
