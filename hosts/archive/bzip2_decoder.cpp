@@ -21,6 +21,10 @@ constexpr std::uint64_t kEndMark = 0x177245385090;
 constexpr unsigned kMarkBits = 48;
 constexpr unsigned kChecksumBits = 32;
 
+// Bits of a block that look like a mark come once in thousands of terabytes. Who puts more into one
+// wants us to decode it again and again.
+constexpr unsigned kMostMarks = 16;
+
 // What the library holds for a block of 900 kB.
 constexpr std::uint64_t kLibraryBytes = 3'700'000;
 
@@ -109,7 +113,8 @@ class Bzip2Decoder : public StreamDecoder {
     m_block.reserve(mostBlockBytes() + CompressedInput::kBufferBytes);
     m_last = 0;
     m_hasYielded = false;
-    findEnd();
+    m_marks = 0;
+    if (!findEnd()) m_input.fail("a block has no end");
     return true;
   }
 
@@ -132,7 +137,7 @@ class Bzip2Decoder : public StreamDecoder {
       if (result == BZ_OK && (done > 0 || size == 0)) return {.size = done};
       // What looked like the mark behind the block may have been a part of it. Not so when it gave
       // something: then it is its checksum that is wrong.
-      if (m_hasYielded || !findEnd()) m_input.fail("a block is damaged");
+      if (m_hasYielded || m_marks == kMostMarks || !findEnd()) m_input.fail("a block is damaged");
     }
   }
 
@@ -197,6 +202,7 @@ class Bzip2Decoder : public StreamDecoder {
           // The first bits of the block itself are no mark.
           if (m_block.size() * 8 < behind + kMarkBits) continue;
           m_input.skip(used);
+          ++m_marks;
           handOver(m_block.size() * 8 - behind - kMarkBits);
           return true;
         }
@@ -232,6 +238,7 @@ class Bzip2Decoder : public StreamDecoder {
   Place m_place;  // behind the mark and the checksum of the block that is being decoded
   std::uint32_t m_blockChecksum = 0;
   bool m_hasYielded = false;
+  unsigned m_marks = 0;       // that were found in the block, or behind it
   unsigned m_shift = 0;       // where the block's first bit stands in its byte of the file
   std::vector<char> m_block;  // from that bit on
   std::uint64_t m_last = 0;   // its last 64 bits

@@ -327,6 +327,21 @@ TEST_F(ArchiveDecodingTest, AWrongChecksumFailsTheLastBytes) {
   }
 }
 
+// Behind each of them the block would be decoded once more from its beginning, for an hour.
+TEST_F(ArchiveDecodingTest, ABlockFullOfWhatLooksLikeItsEndIsDamaged) {
+  std::minstd_rand random(3);
+  std::string data(900'000, '\0');
+  for (char& c : data) c = static_cast<char>(random() >> 8);
+  std::string bytes = compressed("bzip2", data);
+  const std::string mark = "\x17\x72\x45\x38\x50\x90";
+  for (std::size_t at = bytes.size() / 2; at < bytes.size() - 100; at += mark.size()) {
+    bytes.replace(at, mark.size(), mark);
+  }
+  const auto file = CompressedFile::open(fileOf(bytes), cache);
+  EXPECT_THAT(failureOf([&] { readAll(*file->firstPass()); }), HasSubstr("a block is damaged"));
+  EXPECT_LT(file->bytesRead(), bytes.size());
+}
+
 INSTANTIATE_TEST_SUITE_P(Methods, MethodTest,
                          ::testing::Values(Method{"gzip", "compression-level=1"},
                                            Method{"bzip2", "compression-level=1"},
