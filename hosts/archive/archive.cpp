@@ -164,7 +164,8 @@ std::shared_ptr<ByteSource> Archive::contentOf(NodeId id) {
   if (file.content == Content::Stream || file.content == Content::Extents) return m_stream;
   if (file.content != Content::Deflated && file.content != Content::Member) return nullptr;
   const bool isMember = file.content == Content::Member;
-  const Key key{file.content, isMember ? m_readers->members()[file.where].group : file.where};
+  const Key key{file.content, isMember ? m_readers->members()[file.where].group : file.where,
+                isMember ? 0 : file.size};
 
   std::shared_ptr<ByteSource> dropped;  // freed without the lock
   const std::lock_guard lock(m_lock);

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <utility>
 
 namespace nfslib::hosts::archive {
@@ -37,7 +38,8 @@ class Archive {
   std::uint64_t offsetOf(const Node& file) const;
 
  private:
-  using Key = std::pair<Content, std::uint64_t>;  // where a content begins, or its group
+  // Where a content begins and its size, which an archive may tell in different ways; or its group.
+  using Key = std::tuple<Content, std::uint64_t, std::uint64_t>;
   using Kept = std::list<std::pair<Key, std::shared_ptr<ByteSource>>>;
 
   class Opening;
