@@ -87,6 +87,11 @@ class EntryReaders::GroupDecoder : public Decoder {
   bool m_isAtEnd = false;
 };
 
+EntryReaders::EntryReaders(std::shared_ptr<ByteSource> source, std::uint64_t size, Members members)
+    : m_source(std::move(source)), m_size(size), m_members(std::move(members)) {
+  m_idle.reserve(kMostIdle + 1);  // so that a destructor can give back without a failure
+}
+
 EntryReaders::Positioned EntryReaders::take(const Member& member) {
   {
     const std::lock_guard lock(m_lock);

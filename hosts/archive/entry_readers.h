@@ -52,8 +52,7 @@ class Members {
 class EntryReaders : public std::enable_shared_from_this<EntryReaders> {
  public:
   // Of the archive that is the `size` bytes of `source`.
-  EntryReaders(std::shared_ptr<ByteSource> source, std::uint64_t size, Members members)
-      : m_source(std::move(source)), m_size(size), m_members(std::move(members)) {}
+  EntryReaders(std::shared_ptr<ByteSource> source, std::uint64_t size, Members members);
 
   const Members& members() const { return m_members; }
   // The content of a group, whose number is that of its first member. Throws
