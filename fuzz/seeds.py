@@ -3,11 +3,19 @@
 
     python3 fuzz/seeds.py
 
-Files that a fuzzer found stay beside them; only the seeds are written anew.
+Files that a fuzzer found stay beside them; only the seeds are written anew. So do seeds that Python
+cannot make: archive/solid.7z is what `7z a -ms=on` made of the files of archive/ustar.tar.
 """
 
+import bz2
+import gzip
+import io
+import lzma
 import pathlib
 import struct
+import tarfile
+import zipfile
+import zlib
 
 CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
 NFS, MOUNT, PORTMAP = 100003, 100005, 100000
@@ -310,9 +318,118 @@ def path():
         write("path", name, text.encode())
 
 
+def tar(format_, *members):
+    """`members` are (name, content, the fields of the header that differ)."""
+    out = io.BytesIO()
+    with tarfile.open(fileobj=out, mode="w", format=format_) as archive:
+        for name, content, fields in members:
+            header = tarfile.TarInfo(name)
+            header.size = len(content)
+            for field, its_value in fields.items():
+                setattr(header, field, its_value)
+            archive.addfile(header, io.BytesIO(content))
+    content = out.getvalue().rstrip(b"\0")
+    return content + bytes(-len(content) % 512 + 1024)  # not all of the usual 10 KiB
+
+
+def sparse_tar():
+    """As GNU tar stores it: in the header the parts (offset, size), behind it what they hold."""
+    def octal(*numbers):
+        return b"".join(b"%011o\0" % number for number in numbers)
+    header = b"holes".ljust(100, b"\0") + b"0000644\0" + b"0000000\0" * 2 + octal(1024, 0) + b" " * 8 + b"S"
+    header = header.ljust(257, b"\0") + b"ustar  \0"
+    header = header.ljust(386, b"\0") + octal(1000, 512, 400_000, 512)
+    header = header.ljust(483, b"\0") + octal(500_000)
+    header = header.ljust(512, b"\0")
+    header = header[:148] + b"%06o\0 " % sum(header) + header[156:]
+    return header + b"a" * 512 + b"b" * 512 + bytes(1024)
+
+
+def cpio(*members):
+    """The "newc" format of (name, mode, inode, number of links, content)."""
+    out = b""
+    for name, mode, inode, links, content in (*members, (b"TRAILER!!!", 0, 0, 1, b"")):
+        fields = (inode, mode, 0, 0, links, 1_500_000_000, len(content), 0, 0, 0, 0, len(name) + 1, 0)
+        out += b"070701" + b"".join(b"%08X" % field for field in fields) + name + b"\0"
+        out += bytes(-len(out) % 4) + content
+        out += bytes(-len(out) % 4)
+    return out
+
+
+def zipped():
+    out = io.BytesIO()
+    with zipfile.ZipFile(out, "w") as archive:
+        for name, method in (("stored", zipfile.ZIP_STORED), ("d/deflated", zipfile.ZIP_DEFLATED),
+                             ("d/bzip2", zipfile.ZIP_BZIP2), ("Grüße", zipfile.ZIP_DEFLATED)):
+            archive.writestr(zipfile.ZipInfo(name), b"some of the text " * 20, method)
+    return out.getvalue()
+
+
+def zstd(content):
+    """A frame of raw blocks, and of one that repeats a byte, for each 4 KiB; RFC 8878."""
+    out = struct.pack("<II", 0x184D2A50, 3) + b"\0\0\0"  # to be skipped
+    for start in range(0, len(content), 4096):
+        piece = content[start:start + 4096]
+        same = len(set(piece)) == 1
+        block = (len(piece) << 3) | (2 if same else 0) | 1
+        out += struct.pack("<IBH", 0xFD2FB528, 0x60, len(piece) - 256) + struct.pack("<I", block)[:3]
+        out += piece[:1] if same else piece
+    return out
+
+
+def nested_zip():
+    """Two members whose content is at one place and that claim different sizes: the second's header
+    stands in the extra field of the first."""
+    content = zlib.compress(b"abcd")[2:-4]
+    def local(name, extra, size):
+        return struct.pack("<IHHHIIIIHH", 0x04034B50, 20, 0, 8, 0, 0, len(content), size, len(name),
+                           extra) + name
+    second = local(b"b", 0, 4)
+    first = local(b"a", len(second) + 4, 3) + struct.pack("<HH", 0xCAFE, len(second))
+    directory = b""
+    for name, size, at in ((b"a", 3, 0), (b"b", 4, len(first))):
+        directory += struct.pack("<IHHHHIIIIHHHHHII", 0x02014B50, 20, 20, 0, 8, 0, 0, len(content), size,
+                                 len(name), 0, 0, 0, 0, 0, at) + name
+    body = first + second + content
+    return body + directory + struct.pack("<IHHHHIIH", 0x06054B50, 0, 0, 2, 2, len(directory), len(body), 0)
+
+
+def archive():
+    text = b"".join(b"%d bottles, " % number for number in range(300))
+    plain = [("d", b"", {"type": tarfile.DIRTYPE}), ("d/text", text, {}), ("d/same", b"", {
+        "type": tarfile.LNKTYPE, "linkname": "d/text"}), ("link", b"", {
+            "type": tarfile.SYMTYPE, "linkname": "../d/text"}), ("./x/../zeros", bytes(3000), {}),
+             ("later", b"", {"type": tarfile.LNKTYPE, "linkname": "end"}), ("end", b"end", {})]
+    ustar = tar(tarfile.USTAR_FORMAT, *plain)
+    circle = tar(tarfile.USTAR_FORMAT, *(
+        (name, b"", {"type": tarfile.LNKTYPE, "linkname": to})
+        for name, to in (("a", "b"), ("b", "a"), ("a/b", "a"), ("d", "d/e"))), ("b", b"b", {}))
+    long_name = "deep/" * 60 + "n" * 200
+    holes = {"GNU.sparse.major": "1", "GNU.sparse.minor": "0", "GNU.sparse.name": "holes",
+             "GNU.sparse.realsize": "500000"}
+    parts = b"2\n1000\n512\n400000\n512\n".ljust(512, b"\0")
+    large = tar(tarfile.GNU_FORMAT, ("zeros", bytes(5_000_000), {}), ("text", text, {}))
+    for name, content in (
+            ("ustar.tar", ustar), ("circle.tar", circle), ("gnu-sparse.tar", sparse_tar()),
+            ("gnu.tar", tar(tarfile.GNU_FORMAT, (long_name, b"gnu", {"uid": 1 << 40}))),
+            ("pax.tar", tar(tarfile.PAX_FORMAT, (long_name + "é", b"pax", {"mtime": 1.5, "uid": 1 << 40}))),
+            ("pax-sparse.tar", tar(tarfile.PAX_FORMAT, (
+                "sparse", parts + b"a" * 512 + b"b" * 512, {"pax_headers": holes}))),
+            ("ustar.tar.gz", gzip.compress(ustar, mtime=0) + gzip.compress(b"", mtime=0) + bytes(9)),
+            ("ustar.tar.bz2", bz2.compress(ustar[:1536], 1) + bz2.compress(ustar[1536:])),
+            ("ustar.tar.xz", lzma.compress(ustar[:1536], preset=0) + lzma.compress(ustar[1536:], preset=1)),
+            ("ustar.tar.lzma", lzma.compress(ustar, lzma.FORMAT_ALONE)), ("ustar.tar.zst", zstd(ustar)),
+            ("large.tar.gz", gzip.compress(large, mtime=0)),
+            ("members.zip", zipped()), ("nested.zip", nested_zip()),
+            ("links.cpio", cpio((b"d", 0o40755, 1, 2, b""), (b"d/a", 0o100644, 2, 2, b""),
+                                (b"d/b", 0o100600, 2, 2, b"content"), (b"l", 0o120777, 3, 1, b"d/a")))):
+        write("archive", name, content)
+
+
 if __name__ == "__main__":
     rpc_call()
     connection()
     compound()
     records()
     path()
+    archive()
