@@ -21,7 +21,7 @@ constexpr std::uint64_t kEndMark = 0x177245385090;
 constexpr unsigned kMarkBits = 48;
 constexpr unsigned kChecksumBits = 32;
 
-// Bits of a block that look like a mark come once in thousands of terabytes. Who puts more into one
+// Bits of a block look like a mark by chance once in some 17 TB. Who puts many into one block
 // wants us to decode it again and again.
 constexpr unsigned kMostMarks = 16;
 

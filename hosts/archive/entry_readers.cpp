@@ -122,10 +122,17 @@ void EntryReaders::giveBack(Positioned reader) {
 
 void EntryReaders::advance(Positioned& at, const Member& member) {
   using Outcome = ArchiveReader::Outcome;
+  // The same way as the pass that made the index; where that found none, neither do we.
+  bool wasDamaged = false;
+  std::uint64_t position = 0;
   while (at.next <= member.entry) {
     const Outcome outcome = at.reader->next();
     if (outcome == Outcome::Entry) ++at.next;
-    if (outcome == Outcome::Broken || outcome == Outcome::End) {
+    const bool isStuck =
+        outcome == Outcome::Damaged && wasDamaged && at.reader->position() <= position;
+    wasDamaged = outcome == Outcome::Damaged;
+    if (wasDamaged) position = at.reader->position();
+    if (outcome == Outcome::Broken || outcome == Outcome::End || isStuck) {
       throw SystemNfsException(
           EIO, "The entry is no longer found in the archive: " +
                    (outcome == Outcome::End ? "it ends before it" : at.reader->warning()) +

@@ -327,7 +327,7 @@ TEST_F(ArchiveDecodingTest, AWrongChecksumFailsTheLastBytes) {
   }
 }
 
-// Behind each of them the block would be decoded once more from its beginning, for an hour.
+// At each of them the block would be decoded once more from its beginning.
 TEST_F(ArchiveDecodingTest, ABlockFullOfWhatLooksLikeItsEndIsDamaged) {
   std::minstd_rand random(3);
   std::string data(900'000, '\0');
