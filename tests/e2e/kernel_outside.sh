@@ -87,11 +87,20 @@ done
 
 step "a client's own writing keeps its cache"
 reads() { awk -v want="$1:" '$1 == want { print $2; exit }' /proc/self/mountstats; }
-head -c 8000000 /dev/urandom >$work/data
-before=$(reads READ)
-cp $work/data $mount/data
-cmp $work/data $mount/data || fail "the data differ"
-[ $(($(reads READ) - before)) -le 2 ] || fail "$(($(reads READ) - before)) READs of what the client had just written"
+# Replies to several WRITEs that the client takes out of their order make it read once more, whoever
+# the host is; what is told as a change by others makes it do so each time.
+is_kept() {
+  local before
+  head -c 8000000 /dev/urandom >$work/data
+  before=$(reads READ)
+  cp $work/data $mount/data
+  cmp $work/data $mount/data || fail "the data differ"
+  [ $(($(reads READ) - before)) -le 2 ]
+}
+for try in $(seq 12); do
+  ! is_kept || break
+  [ $try -lt 12 ] || fail "what the client has just written is read again each time"
+done
 
 unmount_and_stop
 step "passed"
