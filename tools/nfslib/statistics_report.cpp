@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <iomanip>
 #include <iostream>
 #include <locale>
@@ -139,10 +140,9 @@ void StatisticsReport::end() {
 }
 
 StopSignals::Meanwhile StatisticsReport::meanwhile() {
-  StopSignals::Meanwhile todo{
-      .onUserSignal = [this] { print(); }, .onInterval = {}, .interval = kInterval};
-  if (!m_options.statisticsFile.empty()) todo.onInterval = [this] { writeFile(); };
-  return todo;
+  std::function<void()> keepFile;  // nobody is woken up for nothing
+  if (!m_options.statisticsFile.empty()) keepFile = [this] { writeFile(); };
+  return {.onUserSignal = [this] { print(); }, .onInterval = keepFile, .interval = kInterval};
 }
 
 void StatisticsReport::writeFile() {
